@@ -1,0 +1,60 @@
+# cmake -DNM=<nm> -DLIBRARY=<lib> -DHEADER=<public header> -P CheckExports.cmake
+#
+# Fails when a flat function declared in the public header is not exported, or when the library
+# exports anything but those functions, the two error globals and members of its classes.
+file(READ ${HEADER} header_text)
+string(REGEX MATCHALL "NETCORE_API[^;(]*[ *](NetCore_[A-Za-z0-9_]+|SocketOpt_HeartBeat_[A-Za-z0-9_]+)\\("
+       declarations "${header_text}")
+set(declared "")
+foreach(decl IN LISTS declarations)
+  string(REGEX REPLACE ".*[ *]([A-Za-z0-9_]+)\\($" "\\1" name "${decl}")
+  list(APPEND declared ${name})
+endforeach()
+list(REMOVE_DUPLICATES declared)
+list(LENGTH declared declared_count)
+if(declared_count EQUAL 0)
+  message(FATAL_ERROR "no exported function found in ${HEADER}")
+endif()
+
+execute_process(COMMAND ${NM} -D --defined-only ${LIBRARY} OUTPUT_VARIABLE nm_out RESULT_VARIABLE nm_rc)
+if(NOT nm_rc EQUAL 0)
+  message(FATAL_ERROR "${NM} failed on ${LIBRARY}")
+endif()
+string(REPLACE "\n" ";" nm_lines "${nm_out}")
+
+set(exported_flat "")
+set(unexpected "")
+foreach(line IN LISTS nm_lines)
+  if(line STREQUAL "")
+    continue()
+  endif()
+  string(REGEX REPLACE "^[0-9a-fA-F]* *[A-Za-z] +" "" sym "${line}")
+  string(REGEX REPLACE "@.*$" "" sym "${sym}")
+  if(sym MATCHES "^_Z(NK?|TI|TS|TV)[0-9]+(CNetCore_|CSocketOpt_)")
+    continue()  # a member (or the type information) of an exported class
+  elseif(sym MATCHES "^(NetCore_IsErrorOccur|NetCore_dwErrorCode)$")
+    continue()
+  elseif(sym MATCHES "^(_init|_fini)$")
+    continue()  # the loader's entry points on some toolchains
+  endif()
+  list(FIND declared ${sym} index)
+  if(index EQUAL -1)
+    list(APPEND unexpected ${sym})
+  else()
+    list(APPEND exported_flat ${sym})
+  endif()
+endforeach()
+
+set(missing "")
+foreach(name IN LISTS declared)
+  list(FIND exported_flat ${name} index)
+  if(index EQUAL -1)
+    list(APPEND missing ${name})
+  endif()
+endforeach()
+
+list(LENGTH exported_flat exported_count)
+message(STATUS "${exported_count} of ${declared_count} declared functions exported")
+if(missing OR unexpected)
+  message(FATAL_ERROR "declared but not exported: ${missing}\nexported but not declared: ${unexpected}")
+endif()
