@@ -29,7 +29,8 @@ bool BaseLib_OperatorMemory_Malloc(void*** pppMem, int nCount, int nSize) {
 bool BaseLib_OperatorMemory_Free(void*** pppMem, int nCount) {
     if (pppMem == nullptr) return false;
     if (*pppMem == nullptr) return true;
-    for (int i = 0; i < nCount; i++) free((*pppMem)[i]);
+    for (int i = 0; i < nCount; i++)
+        free((*pppMem)[i]);
     free(*pppMem);
     *pppMem = nullptr;
     return true;

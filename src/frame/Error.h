@@ -10,14 +10,22 @@
 
 namespace netcore {
 
-inline void SetErrorFlag(bool bError) { __atomic_store_n(&NetCore_IsErrorOccur, bError, __ATOMIC_RELAXED); }
+inline void SetErrorFlag(bool bError) {
+    __atomic_store_n(&NetCore_IsErrorOccur, bError, __ATOMIC_RELAXED);
+}
 
-inline void SetErrorCode(unsigned long long nCode) { __atomic_store_n(&NetCore_dwErrorCode, nCode, __ATOMIC_RELAXED); }
+inline void SetErrorCode(unsigned long long nCode) {
+    __atomic_store_n(&NetCore_dwErrorCode, nCode, __ATOMIC_RELAXED);
+}
 
-inline unsigned long long GetErrorCode() { return __atomic_load_n(&NetCore_dwErrorCode, __ATOMIC_RELAXED); }
+inline unsigned long long GetErrorCode() {
+    return __atomic_load_n(&NetCore_dwErrorCode, __ATOMIC_RELAXED);
+}
 
 // Entry of every operation that can fail.
-inline void ClearError() { SetErrorFlag(false); }
+inline void ClearError() {
+    SetErrorFlag(false);
+}
 
 // "Set the code and fail": the flag goes up, the code is stored, the caller returns false.
 inline bool Fail(unsigned long long nCode) {

@@ -16,14 +16,24 @@ bool NetCore_Socket_Send(int hSocket, const char* lpszMsgBuffer, int nMsgLen, co
 bool NetCore_Socket_Recv(int hSocket, char* lpszMsgBuffer, int* pInt_MsgLen) {
     return m_Socket.NetCore_Socket_Recv(hSocket, lpszMsgBuffer, pInt_MsgLen);
 }
-bool NetCore_Socket_Close(int hSocket) { return m_Socket.NetCore_Socket_Close(hSocket); }
+bool NetCore_Socket_Close(int hSocket) {
+    return m_Socket.NetCore_Socket_Close(hSocket);
+}
 bool NetCore_Socket_SetNoneBlock(int hSocket, bool bNoneBlock) {
     return m_Socket.NetCore_Socket_SetNoneBlock(hSocket, bNoneBlock);
 }
-bool NetCore_Socket_SetReAddr(int hSocket) { return m_Socket.NetCore_Socket_SetReAddr(hSocket); }
-bool NetCore_Socket_SetTimedOut(int hSocket, int nTimeOut) { return m_Socket.NetCore_Socket_SetTimedOut(hSocket, nTimeOut); }
-bool NetCore_Socket_KeepAlive(int hSocket, bool bKeepAlive) { return m_Socket.NetCore_Socket_KeepAlive(hSocket, bKeepAlive); }
-bool NetCore_Socket_FastStart(int hSocket, bool bEnable) { return m_Socket.NetCore_Socket_FastStart(hSocket, bEnable); }
+bool NetCore_Socket_SetReAddr(int hSocket) {
+    return m_Socket.NetCore_Socket_SetReAddr(hSocket);
+}
+bool NetCore_Socket_SetTimedOut(int hSocket, int nTimeOut) {
+    return m_Socket.NetCore_Socket_SetTimedOut(hSocket, nTimeOut);
+}
+bool NetCore_Socket_KeepAlive(int hSocket, bool bKeepAlive) {
+    return m_Socket.NetCore_Socket_KeepAlive(hSocket, bKeepAlive);
+}
+bool NetCore_Socket_FastStart(int hSocket, bool bEnable) {
+    return m_Socket.NetCore_Socket_FastStart(hSocket, bEnable);
+}
 bool NetCore_Socket_GetBufferSize(int hSocket, int* pInt_RecvBuf, int* pInt_SendBuf) {
     return m_Socket.NetCore_Socket_GetBufferSize(hSocket, pInt_RecvBuf, pInt_SendBuf);
 }

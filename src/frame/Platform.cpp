@@ -32,7 +32,9 @@ struct timespec Now() {
 
 struct timespec Remaining(const struct timespec& st_Deadline) {
     struct timespec st_Now = Now();
-    struct timespec st_Left {st_Deadline.tv_sec - st_Now.tv_sec, st_Deadline.tv_nsec - st_Now.tv_nsec};
+    struct timespec st_Left {
+        st_Deadline.tv_sec - st_Now.tv_sec, st_Deadline.tv_nsec - st_Now.tv_nsec
+    };
     if (st_Left.tv_nsec < 0) {
         st_Left.tv_sec -= 1;
         st_Left.tv_nsec += kNanosPerSecond;
@@ -61,7 +63,9 @@ int PollAsSelect(int hFd, bool bRead, const struct timeval* pSt_TimeOut, bool* p
     }
     for (;;) {
         struct timespec st_Left = Remaining(st_Deadline);
-        struct pollfd st_Poll {hFd, nWanted, 0};
+        struct pollfd st_Poll {
+            hFd, nWanted, 0
+        };
         int nRet = ppoll(&st_Poll, 1, &st_Left, nullptr);
         if (nRet <= 0) return nRet;
         if (st_Poll.revents & POLLNVAL) {
@@ -75,7 +79,9 @@ int PollAsSelect(int hFd, bool bRead, const struct timeval* pSt_TimeOut, bool* p
         // Only a hang-up while waiting to write: select keeps waiting for the whole time-out.
         st_Left = Remaining(st_Deadline);
         if (st_Left.tv_sec == 0 && st_Left.tv_nsec == 0) return 0;
-        struct timespec st_Pause {0, 1000000};
+        struct timespec st_Pause {
+            0, 1000000
+        };
         if (st_Left.tv_sec == 0 && st_Left.tv_nsec < st_Pause.tv_nsec) st_Pause = st_Left;
         nanosleep(&st_Pause, nullptr);
     }

@@ -23,7 +23,8 @@ TEST_F(Companion, MallocMakesZeroedBlocksAndFreeReleasesThem) {
     std::set<char*> blocks;
     for (int i = 0; i < 5; i++) {
         ASSERT_NE(nullptr, ppszList[i]);
-        for (int j = 0; j < 128; j++) EXPECT_EQ(0, ppszList[i][j]);
+        for (int j = 0; j < 128; j++)
+            EXPECT_EQ(0, ppszList[i][j]);
         blocks.insert(ppszList[i]);
         memset(ppszList[i], 'x', 128);  // each block is writable to its end
     }
@@ -113,11 +114,13 @@ TEST_F(Companion, PoolRunsEveryTaskOnceOnItsOwnThreadAndJoinsOnDestroy) {
 TEST_F(Companion, PoolRefusesBadListsWithItsOwnCode) {
     THREADPOOL_PARAMENT** ppSt_List = nullptr;
     EXPECT_EQ(nullptr, ManagePool_Thread_NQCreate(&ppSt_List, 1));
-    EXPECT_EQ(static_cast<unsigned long long>(ERROR_MANAGEPOOL_THREAD_NQCREATE_PARAMENT), ManagePool_GetLastError(nullptr));
+    EXPECT_EQ(static_cast<unsigned long long>(ERROR_MANAGEPOOL_THREAD_NQCREATE_PARAMENT),
+              ManagePool_GetLastError(nullptr));
     ASSERT_TRUE(BaseLib_OperatorMemory_Malloc(reinterpret_cast<void***>(&ppSt_List), 2, sizeof(THREADPOOL_PARAMENT)));
     EXPECT_EQ(nullptr, ManagePool_Thread_NQCreate(&ppSt_List, 0));
     EXPECT_EQ(nullptr, ManagePool_Thread_NQCreate(&ppSt_List, 2)) << "tasks without a body";
-    EXPECT_EQ(static_cast<unsigned long long>(ERROR_MANAGEPOOL_THREAD_NQCREATE_PARAMENT), ManagePool_GetLastError(nullptr));
+    EXPECT_EQ(static_cast<unsigned long long>(ERROR_MANAGEPOOL_THREAD_NQCREATE_PARAMENT),
+              ManagePool_GetLastError(nullptr));
     EXPECT_FALSE(ManagePool_Thread_NQDestroy(nullptr));
     BaseLib_OperatorMemory_Free(reinterpret_cast<void***>(&ppSt_List), 2);
 }

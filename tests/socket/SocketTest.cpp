@@ -29,7 +29,9 @@ int IntOption(int fd, int level, int option) {
     return value;
 }
 
-bool IsOpen(int fd) { return fcntl(fd, F_GETFD) != -1; }
+bool IsOpen(int fd) {
+    return fcntl(fd, F_GETFD) != -1;
+}
 
 // A descriptor number no socket of the process uses.
 int ClosedFd() {
@@ -57,7 +59,7 @@ TEST_F(SocketTest, CreatePicksFamilyTypeAndProtocol) {
         bool tcp;
         int ipver;
         int domain;
-    } cases[] = {{true, 2, AF_INET}, {false, 2, AF_INET}, {true, 0, AF_INET6},
+    } cases[] = {{true, 2, AF_INET},   {false, 2, AF_INET},   {true, 0, AF_INET6},
                  {true, 10, AF_INET6}, {false, 23, AF_INET6}, {true, -1, AF_INET6}};
     for (const Case& c : cases) {
         for (bool reserved : {false, true}) {
@@ -163,7 +165,8 @@ TEST_F(SocketTest, SendDeliversTheWholeMessageToTheConnectedPeer) {
     Fd client, server;
     nctest::TcpPair(AF_INET, &client, &server);
     std::string message(200000, 'a');
-    for (size_t i = 0; i < message.size(); i++) message[i] = static_cast<char>('a' + i % 26);
+    for (size_t i = 0; i < message.size(); i++)
+        message[i] = static_cast<char>('a' + i % 26);
     ASSERT_TRUE(NetCore_Socket_SetNoneBlock(client.Get(), true));
 
     std::string received;
@@ -176,8 +179,8 @@ TEST_F(SocketTest, SendDeliversTheWholeMessageToTheConnectedPeer) {
         }
     });
     // the non-blocking socket would block part-way: Send retries until all is out
-    EXPECT_TRUE(NetCore_Socket_Send(client.Get(), message.data(), static_cast<int>(message.size()), nullptr, 0, 5,
-                                    AF_INET));
+    EXPECT_TRUE(
+        NetCore_Socket_Send(client.Get(), message.data(), static_cast<int>(message.size()), nullptr, 0, 5, AF_INET));
     reader.join();
     EXPECT_FALSE(ErrorFlag());
     EXPECT_EQ(message, received);

@@ -35,14 +35,20 @@ int CountEntries(const char* path) {
 }
 }  // namespace
 
-int CountOpenFds() { return CountEntries("/proc/self/fd"); }
-int CountThreads() { return CountEntries("/proc/self/task"); }
+int CountOpenFds() {
+    return CountEntries("/proc/self/fd");
+}
+int CountThreads() {
+    return CountEntries("/proc/self/task");
+}
 
 Fd& Fd::operator=(Fd&& other) noexcept {
     if (this != &other) Reset(other.Release());
     return *this;
 }
-int Fd::Release() { return std::exchange(m_fd, -1); }
+int Fd::Release() {
+    return std::exchange(m_fd, -1);
+}
 void Fd::Reset(int fd) {
     if (m_fd >= 0) close(m_fd);
     m_fd = fd;
@@ -117,7 +123,9 @@ void TcpPair(int family, Fd* client, Fd* server) {
     ASSERT_GE(server->Get(), 0);
 }
 
-bool ErrorFlag() { return __atomic_load_n(&NetCore_IsErrorOccur, __ATOMIC_RELAXED); }
+bool ErrorFlag() {
+    return __atomic_load_n(&NetCore_IsErrorOccur, __ATOMIC_RELAXED);
+}
 
 void ResetErrorState() {
     __atomic_store_n(&NetCore_IsErrorOccur, false, __ATOMIC_RELAXED);

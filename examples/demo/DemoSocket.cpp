@@ -1,6 +1,4 @@
-// The main demo: exercises the library on loopback and prints what it did.
-//
-// Usage: netcore_demo
+// Demo section: the socket utilities and the error convention.
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -11,22 +9,10 @@
 #include <cstring>
 #include <initializer_list>
 
+#include "Demo.h"
 #include "Ombrelt_NetCore.h"
 
 namespace {
-
-int g_nFailures = 0;
-
-void Report(const char* lpszStep, bool bOk) {
-    if (bOk) {
-        printf("  %-44s ok\n", lpszStep);
-        return;
-    }
-    int nSysError = 0;
-    unsigned long long nCode = NetCore_GetLastError(&nSysError);
-    printf("  %-44s FAILED code 0x%08llX errno %d\n", lpszStep, nCode, nSysError);
-    g_nFailures++;
-}
 
 int BoundPort(int hSocket) {
     struct sockaddr_in st_Addr {};
@@ -35,7 +21,9 @@ int BoundPort(int hSocket) {
     return ntohs(st_Addr.sin_port);
 }
 
-void SocketUtilities() {
+}  // namespace
+
+void DemoSocket() {
     printf("Socket utilities on 127.0.0.1\n");
     int hListen = -1;
     Report("create a TCP socket", NetCore_Socket_Create(&hListen, true, AF_INET, false));
@@ -59,7 +47,8 @@ void SocketUtilities() {
     printf("  buffers: receive %d bytes, send %d bytes\n", nRecvBuf, nSendBuf);
 
     const char* lpszHello = "hello from NetCore";
-    Report("send a message to the peer", NetCore_Socket_Send(hClient, lpszHello, strlen(lpszHello), nullptr, 0, 3, AF_INET));
+    Report("send a message to the peer",
+           NetCore_Socket_Send(hClient, lpszHello, strlen(lpszHello), nullptr, 0, 3, AF_INET));
     Report("wait until it can be read", NetCore_Socket_IOSelect(hServer, true, 500));
     char tszBuffer[64] = {};
     int nLen = sizeof(tszBuffer) - 1;
@@ -82,13 +71,6 @@ void SocketUtilities() {
     Report("a later success clears the flag", NetCore_Socket_SetNoneBlock(hBusy, true) && !NetCore_IsErrorOccur);
     printf("  ...and the code stays 0x%08llX\n", NetCore_GetLastError(nullptr));
 
-    for (int hSocket : {hBusy, hClient, hServer, hListen}) NetCore_Socket_Close(hSocket);
-}
-
-}  // namespace
-
-int main() {
-    SocketUtilities();
-    printf("%s\n", g_nFailures == 0 ? "demo finished: all steps ok" : "demo finished with failures");
-    return g_nFailures == 0 ? 0 : 1;
+    for (int hSocket : {hBusy, hClient, hServer, hListen})
+        NetCore_Socket_Close(hSocket);
 }
