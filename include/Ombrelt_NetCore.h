@@ -114,6 +114,124 @@ NETCORE_API bool NetCore_Socket_SetBufferSize(int hSocket, int nSendBuf, int nRe
  * Descriptors at or above FD_SETSIZE are supported. */
 NETCORE_API bool NetCore_Socket_IOSelect(int hSocket, bool bRead, int nTimeOut);
 
+/* ------------------------------------------------------------------------------------------------
+ * Heartbeat supervision (SocketOpt_HeartBeat_*Ex)
+ *
+ * A supervisor keeps peers by address text (bIsAddr true) or by socket number and reports the
+ * ones that stop refreshing: a peer is counted once per nTimeOut seconds of silence and leaves
+ * at the first check after nTimeNumber counted intervals, about (nTimeNumber + 1) * nTimeOut
+ * seconds after its last activity. The leave callback runs on the supervisor's own thread with
+ * (address or null, socket or 0, leave code, lParam); without a callback, timed-out peers stay
+ * marked in the table and are fetched with SocketOpt_HeartBeat_GetTimeOutEx.
+ *
+ * Kept as callers know them: InsertSocketEx needs a socket-mode supervisor while ActiveSocketEx
+ * and DeleteSocketEx succeed only in address mode; GetLoadAttrEx looks the socket up when an
+ * address is given and the address up when none is (pass any non-null address to reach a socket
+ * peer); SetLoadAttrEx can store a spacing but never switches evaluation on.
+ * --------------------------------------------------------------------------------------------- */
+
+#define ERROR_NETCORE_HEARTBEAT_INIT_THREAD 0x020A6201
+#define ERROR_NETCORE_HEARTBEAT_INSERTADDR_NOTRUN 0x020A6220
+#define ERROR_NETCORE_HEARTBEAT_INSERTADDR_MODE 0x020A6221
+#define ERROR_NETCORE_HEARTBEAT_INSERTADDR_PARAMENT 0x020A6222
+#define ERROR_NETCORE_HEARTBEAT_INSERTSOCKET_NOTRUN 0x020A6230
+#define ERROR_NETCORE_HEARTBEAT_INSERTSOCKET_MODE 0x020A6231
+#define ERROR_NETCORE_HEARTBEAT_INSERTSOCKET_PARAMENT 0x020A6232
+#define ERROR_NETCORE_HEARTBEAT_ACTIVEADDR_PARAMENT 0x020A6240
+#define ERROR_NETCORE_HEARTBEAT_ACTIVEADDR_NOTRUN 0x020A6241
+#define ERROR_NETCORE_HEARTBEAT_ACTIVEADDR_MODE 0x020A6242
+#define ERROR_NETCORE_HEARTBEAT_ACTIVEADDR_NOTFOUND 0x020A6243
+#define ERROR_NETCORE_HEARTBEAT_ACTIVESOCKET_NOTRUN 0x020A6250
+#define ERROR_NETCORE_HEARTBEAT_ACTIVESOCKET_MODE 0x020A6251
+#define ERROR_NETCORE_HEARTBEAT_ACTIVESOCKET_PARAMENT 0x020A6252
+#define ERROR_NETCORE_HEARTBEAT_ACTIVESOCKET_NOTFOUND 0x020A6253
+#define ERROR_NETCORE_HEARTBEAT_DELETEADDR_PARAMENT 0x020A6260
+#define ERROR_NETCORE_HEARTBEAT_DELETEADDR_NOTFOUND 0x020A6261
+#define ERROR_NETCORE_HEARTBEAT_DELETEADDR_NOTRUN 0x020A6262
+#define ERROR_NETCORE_HEARTBEAT_DELETEADDR_MODE 0x020A6263
+#define ERROR_NETCORE_HEARTBEAT_DELETESOCKET_NOTRUN 0x020A6270
+#define ERROR_NETCORE_HEARTBEAT_DELETESOCKET_MODE 0x020A6271
+#define ERROR_NETCORE_HEARTBEAT_DELETESOCKET_PARAMENT 0x020A6272
+#define ERROR_NETCORE_HEARTBEAT_DELETESOCKET_NOTFOUND 0x020A6273
+#define ERROR_NETCORE_HEARTBEAT_GETTIMEOUT_PARAMENT 0x020A6280
+#define ERROR_NETCORE_HEARTBEAT_GETTIMEOUT_CALLBACK 0x020A6281
+#define ERROR_NETCORE_HEARTBEAT_GETTIMEOUT_EMPTY 0x020A6282
+#define ERROR_NETCORE_HEARTBEAT_GETTIMEOUT_NOTRUN 0x020A6283
+#define ERROR_NETCORE_HEARTBEAT_FORCEOUT_PARAMENT 0x020A6290
+#define ERROR_NETCORE_HEARTBEAT_FORCEOUT_NOTFOUND 0x020A6291
+#define ERROR_NETCORE_HEARTBEAT_SETLOADATTR_PARAMENT 0x020A62A0
+#define ERROR_NETCORE_HEARTBEAT_GETLOADATTR_PARAMENT 0x020A62A1
+#define ERROR_NETCORE_HEARTBEAT_GETLOADATTR_NOTFOUND 0x020A62A2
+#define ERROR_NETCORE_HEARTBEAT_GETADDR_PARAMENT 0x020A62B0
+#define ERROR_NETCORE_HEARTBEAT_GETADDR_NOTFOUND 0x020A62B1
+#define ERROR_NETCORE_HEARTBEAT_GETSOCKET_NOTFOUND 0x020A62C0
+#define ERROR_NETCORE_HEARTBEAT_INITEX_MALLOC 0x020A62F0
+#define ERROR_NETCORE_HEARTBEAT_EX_HANDLE 0x020A62F1
+
+/* The heartbeat payload: 144 bytes the sender fills as it likes, then five load percentages.
+ * 154 bytes, byte-packed, host byte order. */
+#pragma pack(push, 1)
+typedef struct tag_Obmrelt_Protocol_HeartBeat {
+    unsigned char byHeader[144];
+    unsigned short wLoadRate[5];
+} tag_Obmrelt_Protocol_HeartBeat;
+#pragma pack(pop)
+
+/* raw load figures of the last evaluation */
+typedef struct tag_NetCore_SockOpt_LoadRate {
+    unsigned int nRate1;
+    unsigned int nRate2;
+    unsigned int nRate3;
+    unsigned int nRate4;
+    unsigned int nRate5;
+} NETCORE_SOCKOPT_LOADRATE;
+
+/* load levels, 1 (idle) to 5 (saturated), 0 while never evaluated */
+typedef struct tag_NetCore_SockOpt_HBLoad {
+    unsigned int nLevel1;
+    unsigned int nLevel2;
+    unsigned int nLevel3;
+    unsigned int nLevel4;
+    unsigned int nLevel5;
+} NETCORE_SOCKOPT_HBLOAD;
+
+/* leave callback: (address or null, socket or 0, leave code, lParam) */
+typedef void (*CALLBACK_NETCORE_SOCKOPT_HEARTBEAT_EVENT)(const char* lpszClientAddr, int hSocket, int nLeaveCode,
+                                                        void* lParam);
+
+/* Creates and starts a supervisor; null on failure. nTimeOut seconds per interval (0: every pass
+ * of the thread, about every millisecond, counts), nTimeNumber intervals tolerated. */
+NETCORE_API void* SocketOpt_HeartBeat_InitEx(int nTimeOut, int nTimeNumber,
+                                             CALLBACK_NETCORE_SOCKOPT_HEARTBEAT_EVENT fpCall_HeartBeatEvent,
+                                             void* lParam, bool bIsAddr);
+/* Stops the thread (a callback may call it for its own supervisor), empties the tables and frees
+ * the supervisor. */
+NETCORE_API bool SocketOpt_HeartBeat_DestoryEx(void* xhNet);
+/* Expels a peer on the thread's next pass with nLeaveCode; bAdd also expels an unknown one. The
+ * report reaches the callback whether or not one was installed at Init (none: nothing is called). */
+NETCORE_API bool SocketOpt_HeartBeat_ForceOutAddrEx(void* xhNet, const char* lpszClientAddr, int nLeaveCode, bool bAdd);
+/* In socket mode an expelled socket stays in the table and is reported again on every pass. */
+NETCORE_API bool SocketOpt_HeartBeat_ForceOutSktEx(void* xhNet, int hSocket, int nLeaveCode, bool bAdd);
+NETCORE_API bool SocketOpt_HeartBeat_InsertAddrEx(void* xhNet, const char* lpszClientAddr);
+NETCORE_API bool SocketOpt_HeartBeat_InsertSocketEx(void* xhNet, int hSocket);
+/* Refreshes a peer; a non-null pSt_ProtocolHeartBeat is stored as its latest payload. */
+NETCORE_API bool SocketOpt_HeartBeat_ActiveAddrEx(void* xhNet, const char* lpszClientAddr,
+                                                  tag_Obmrelt_Protocol_HeartBeat* pSt_ProtocolHeartBeat);
+NETCORE_API bool SocketOpt_HeartBeat_ActiveSocketEx(void* xhNet, int hSocket,
+                                                    tag_Obmrelt_Protocol_HeartBeat* pSt_ProtocolHeartBeat);
+NETCORE_API bool SocketOpt_HeartBeat_DeleteAddrEx(void* xhNet, const char* lpszClientAddr);
+NETCORE_API bool SocketOpt_HeartBeat_DeleteSocketEx(void* xhNet, int hSocket);
+/* Seconds since the peer's last activity (or last counted interval) into *pInt_Timer if non-null. */
+NETCORE_API bool SocketOpt_HeartBeat_GetAddrEx(void* xhNet, const char* lpszClientAddr, long long* pInt_Timer);
+NETCORE_API bool SocketOpt_HeartBeat_GetSocketEx(void* xhNet, int hSocket, long long* pInt_Timer);
+/* Polling without a callback: the first timed-out peer (address into ptszClientAddr, at least 64
+ * characters, or socket into *phSocket, by mode). It stays in the table until deleted. */
+NETCORE_API bool SocketOpt_HeartBeat_GetTimeOutEx(void* xhNet, char* ptszClientAddr, int* phSocket);
+NETCORE_API bool SocketOpt_HeartBeat_SetLoadAttrEx(void* xhNet, int nTime, bool bLoad);
+NETCORE_API bool SocketOpt_HeartBeat_GetLoadAttrEx(void* xhNet, const char* lpszClientAddr, int hSocket,
+                                                   NETCORE_SOCKOPT_HBLOAD* pSt_HBLoad,
+                                                   NETCORE_SOCKOPT_LOADRATE* pSt_LoadRate);
+
 #ifdef __cplusplus
 }
 #endif

@@ -2,6 +2,8 @@
 // in which they must be constructed.
 #pragma once
 
+#include "heartbeat/SocketOpt_HeartBeatEx.h"
 #include "socket/NetCore_Socket.h"
 
 extern CNetCore_Socket m_Socket;
+extern CSocketOpt_HeartBeatEx m_OptHeartBeat;
