@@ -114,6 +114,64 @@ NETCORE_API bool NetCore_Socket_SetBufferSize(int hSocket, int nSendBuf, int nRe
  * Descriptors at or above FD_SETSIZE are supported. */
 NETCORE_API bool NetCore_Socket_IOSelect(int hSocket, bool bRead, int nTimeOut);
 
+/* ------------------------------------------------------------------------------------------------
+ * Unix-domain socket server (NetCore_UnixDomain_*)
+ *
+ * One server per process on a socket bound to a file-system path, in stream mode (one receive
+ * thread per accepted peer, peers named by their socket) or datagram mode (one receive loop,
+ * peers named by their own socket paths). The path must be shorter than 108 bytes: a longer one
+ * is refused (ERROR_NETCORE_UNIXDOMAIN_START_BIND, or ERROR_NETCORE_UNIXDOMAIN_SEND_FAILED as a
+ * datagram destination) with errno ENAMETOOLONG.
+ *
+ * The address text handed to the callbacks is always the empty string: identify stream peers by
+ * their socket and datagram peers by a reply path of your own protocol.
+ * --------------------------------------------------------------------------------------------- */
+
+#define ERROR_NETCORE_UNIXDOMAIN_START_PARAMENT 0x020A7001
+#define ERROR_NETCORE_UNIXDOMAIN_START_SOCKET 0x020A7002
+#define ERROR_NETCORE_UNIXDOMAIN_START_BIND 0x020A7003
+#define ERROR_NETCORE_UNIXDOMAIN_START_LISTEN 0x020A7004
+#define ERROR_NETCORE_UNIXDOMAIN_START_THREAD 0x020A7005
+#define ERROR_NETCORE_UNIXDOMAIN_SEND_PARAMENT 0x020A7010
+#define ERROR_NETCORE_UNIXDOMAIN_SEND_NOTFOUND 0x020A7011
+#define ERROR_NETCORE_UNIXDOMAIN_SEND_FAILED 0x020A7012
+#define ERROR_NETCORE_UNIXDOMAIN_SEND_LEN 0x020A7013
+
+/* A stream peer was accepted (address text, peer socket, user argument). The result is not
+ * used: returning false does not refuse the peer. */
+typedef bool (*CALLBACK_NETCORE_UNIXDOMAIN_ACCEPT)(const char* lpszClientAddr, int hSocket, void* lParam);
+/* Data arrived: from a stream peer (its socket), or as one datagram of up to 2048 bytes (the
+ * server's own socket; longer datagrams are cut). */
+typedef void (*CALLBACK_NETCORE_UNIXDOMAIN_RECV)(const char* lpszClientAddr, int hSocket, const char* lpszRecvMsg,
+                                                 int nMsgLen, void* lParam);
+/* A stream peer closed its end. Called only while a receive callback is set, and given the
+ * receive callback's user argument. */
+typedef void (*CALLBACK_NETCORE_UNIXDOMAIN_LEAVE)(const char* lpszClientAddr, int hSocket, void* lParam);
+
+/* Binds lpszUnixName (an existing file there makes bind fail) and starts the accept (or datagram
+ * receive) thread and the close thread. Set the callbacks first: a stream peer accepted while no
+ * accept callback is set gets a receive thread but is never entered in the peer table, so Send
+ * and Remove do not find it. */
+NETCORE_API bool NetCore_UnixDomain_Start(const char* lpszUnixName, bool bStream);
+/* Any callback may be null. Always true. */
+NETCORE_API bool NetCore_UnixDomain_SetCallback(CALLBACK_NETCORE_UNIXDOMAIN_ACCEPT fpCallAccept,
+                                                CALLBACK_NETCORE_UNIXDOMAIN_RECV fpCallRecv,
+                                                CALLBACK_NETCORE_UNIXDOMAIN_LEAVE fpCallLeave, void* lPAccept,
+                                                void* lPRecv, void* lPLeave);
+/* Stream mode: sends to the peer hSocket (lpszClientAddr ignored) once it is writable within
+ * 100 ms; if it is not, the call fails with the readiness wait's code and keeps its shared hold
+ * on the peer table, so that every later Remove, Stop and accepted peer waits for good. Datagram
+ * mode: sends from the server's socket to the path lpszClientAddr (hSocket ignored). No retry of
+ * a partial send. */
+NETCORE_API bool NetCore_UnixDomain_Send(int hSocket, const char* lpszMsgBuffer, int nMsgLen,
+                                         const char* lpszClientAddr);
+/* Closes a stream peer and frees it; true also for an unknown socket. A peer that closes its end
+ * is removed by the close thread within about a second. */
+NETCORE_API bool NetCore_UnixDomain_Remove(int hSocket);
+/* Stops the threads, closes every peer and unlinks the socket path. Safe without a Start and
+ * from inside a callback. Always true. */
+NETCORE_API bool NetCore_UnixDomain_Stop(void);
+
 #ifdef __cplusplus
 }
 #endif

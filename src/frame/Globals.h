@@ -2,6 +2,8 @@
 // in which they must be constructed.
 #pragma once
 
+#include "local/NetCore_UnixDomain.h"
 #include "socket/NetCore_Socket.h"
 
 extern CNetCore_Socket m_Socket;
+extern CNetCore_UnixDomain m_UnixDomain;
