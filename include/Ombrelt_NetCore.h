@@ -172,6 +172,77 @@ NETCORE_API bool NetCore_UnixDomain_Remove(int hSocket);
  * from inside a callback. Always true. */
 NETCORE_API bool NetCore_UnixDomain_Stop(void);
 
+/* ------------------------------------------------------------------------------------------------
+ * Pipes (NetCore_PIPAnonymous_*, NetCore_PIPNamed_*)
+ *
+ * Byte channels known by a name: anonymous pipes (a pipe() pair named inside the process, shared
+ * with children forked after Create) and named pipes (FIFOs in the file system, created or
+ * opened by path, read-write and non-blocking). The mailslot registry is a class only
+ * (CNetCore_PIPMailSlot, its codes below): its operations move no data on this platform.
+ * --------------------------------------------------------------------------------------------- */
+
+#define ERROR_NETCORE_PIPE_ANONYMOUS_PARAMENT 0x020A1200
+#define ERROR_NETCORE_PIPE_ANONYMOUS_READEND 0x020A1201
+#define ERROR_NETCORE_PIPE_ANONYMOUS_WRITEEND 0x020A1202
+#define ERROR_NETCORE_PIPE_ANONYMOUS_RESERVED 0x020A1203
+#define ERROR_NETCORE_PIPE_ANONYMOUS_CREATE 0x020A1204
+#define ERROR_NETCORE_PIPE_ANONYMOUS_READ_PARAMENT 0x020A1210
+#define ERROR_NETCORE_PIPE_ANONYMOUS_READ_NOTFOUND 0x020A1211
+#define ERROR_NETCORE_PIPE_ANONYMOUS_READ_FAILED 0x020A1212
+#define ERROR_NETCORE_PIPE_ANONYMOUS_WRITE_PARAMENT 0x020A1220
+#define ERROR_NETCORE_PIPE_ANONYMOUS_WRITE_NOTFOUND 0x020A1221
+#define ERROR_NETCORE_PIPE_ANONYMOUS_WRITE_FAILED 0x020A1222
+#define ERROR_NETCORE_PIPE_ANONYMOUS_WRITE_LEN 0x020A1223
+#define ERROR_NETCORE_PIPE_NAMED_PARAMENT 0x020A1300
+#define ERROR_NETCORE_PIPE_NAMED_MKFIFO 0x020A1301
+#define ERROR_NETCORE_PIPE_NAMED_OPEN 0x020A1302
+#define ERROR_NETCORE_PIPE_NAMED_READ_PARAMENT 0x020A1310
+#define ERROR_NETCORE_PIPE_NAMED_READ_NOTFOUND 0x020A1311
+#define ERROR_NETCORE_PIPE_NAMED_READ_FAILED 0x020A1313
+#define ERROR_NETCORE_PIPE_NAMED_WRITE_PARAMENT 0x020A1320
+#define ERROR_NETCORE_PIPE_NAMED_WRITE_NOTFOUND 0x020A1321
+#define ERROR_NETCORE_PIPE_NAMED_WRITE_FAILED 0x020A1323
+#define ERROR_NETCORE_PIPE_NAMED_WRITE_LEN 0x020A1324
+#define ERROR_NETCORE_PIPE_NAMED_OPEN_PARAMENT 0x020A1330
+#define ERROR_NETCORE_PIPE_NAMED_OPEN_FAILED 0x020A1332
+#define ERROR_NETCORE_PIPE_NAMED_WAIT_PARAMENT 0x020A1340
+#define ERROR_NETCORE_PIPE_MAILSLOT_PARAMENT 0x020A1401
+#define ERROR_NETCORE_PIPE_MAILSLOT_READ_PARAMENT 0x020A1410
+#define ERROR_NETCORE_PIPE_MAILSLOT_READ_NOTFOUND 0x020A1411
+#define ERROR_NETCORE_PIPE_MAILSLOT_WRITE_PARAMENT 0x020A1420
+#define ERROR_NETCORE_PIPE_MAILSLOT_WRITE_NOTFOUND 0x020A1421
+#define ERROR_NETCORE_PIPE_MAILSLOT_OPEN_PARAMENT 0x020A1430
+#define ERROR_NETCORE_PIPE_MAILSLOT_SETATTR_PARAMENT 0x020A1440
+#define ERROR_NETCORE_PIPE_MAILSLOT_GETATTR_PARAMENT 0x020A1450
+
+/* Creates a blocking pipe() pair under lpszPipeName; an existing name keeps its pipe (and the
+ * call still returns true). pulReserved is not used. */
+NETCORE_API bool NetCore_PIPAnonymous_Create(const char* lpszPipeName, unsigned long* pulReserved);
+/* One read of at most *pInt_Len bytes; *pInt_Len receives the count. It blocks until data
+ * arrive and holds the family's lock meanwhile: a Write from another thread of this process
+ * waits for it, so feed the pipe from another process (a child) or write before reading. */
+NETCORE_API bool NetCore_PIPAnonymous_Read(const char* lpszPipeName, char* ptszMsgBuffer, int* pInt_Len);
+/* One write of nMsgLen bytes; a short write fails with ERROR_NETCORE_PIPE_ANONYMOUS_WRITE_LEN. */
+NETCORE_API bool NetCore_PIPAnonymous_Write(const char* lpszPipeName, const char* lpszMsgBuffer, int nMsgLen);
+/* Closes both ends and forgets the name. Always true. */
+NETCORE_API bool NetCore_PIPAnonymous_Close(const char* lpszPipeName);
+
+/* mkfifo(lpszPipeName, 0777) (an existing path fails) and opens it read-write, non-blocking.
+ * This call sets NetCore_IsErrorOccur on entry and leaves it set even when it succeeds: judge
+ * it by its result. */
+NETCORE_API bool NetCore_PIPNamed_Create(const char* lpszPipeName);
+/* Opens an existing FIFO read-write, non-blocking. */
+NETCORE_API bool NetCore_PIPNamed_OPen(const char* lpszPipeName);
+/* A FIFO opened read-write needs no connection wait: true at once for any non-null path. */
+NETCORE_API bool NetCore_PIPNamed_WaitConnect(const char* lpszPipeName);
+/* One non-blocking read: with nothing in the FIFO it fails at once with
+ * ERROR_NETCORE_PIPE_NAMED_READ_FAILED (errno EAGAIN). */
+NETCORE_API bool NetCore_PIPNamed_Read(const char* lpszPipeName, char* ptszMsgBuffer, int* pInt_Len);
+NETCORE_API bool NetCore_PIPNamed_Write(const char* lpszPipeName, const char* lpszMsgBuffer, int nMsgLen);
+/* Closes the FIRST stored FIFO, whatever path is passed (unlinking it if this process created
+ * it). Always true. */
+NETCORE_API bool NetCore_PIPNamed_Close(const char* lpszPipeName);
+
 #ifdef __cplusplus
 }
 #endif

@@ -8,4 +8,6 @@
 #include "Globals.h"
 
 CNetCore_Socket m_Socket;
+CNetCore_PIPAnonymous m_PIPAnonymous;
+CNetCore_PIPNamed m_PIPNamed;
 CNetCore_UnixDomain m_UnixDomain;

@@ -2,8 +2,12 @@
 // in which they must be constructed.
 #pragma once
 
+#include "local/NetCore_PIPAnonymous.h"
+#include "local/NetCore_PIPNamed.h"
 #include "local/NetCore_UnixDomain.h"
 #include "socket/NetCore_Socket.h"
 
 extern CNetCore_Socket m_Socket;
+extern CNetCore_PIPAnonymous m_PIPAnonymous;
+extern CNetCore_PIPNamed m_PIPNamed;
 extern CNetCore_UnixDomain m_UnixDomain;
