@@ -243,6 +243,71 @@ NETCORE_API bool NetCore_PIPNamed_Write(const char* lpszPipeName, const char* lp
  * it). Always true. */
 NETCORE_API bool NetCore_PIPNamed_Close(const char* lpszPipeName);
 
+/* ------------------------------------------------------------------------------------------------
+ * Shared memory (NetCore_PIPMMap_*, NetCore_PIPIpc_*)
+ *
+ * PIPMMap: shared anonymous mappings known by a name inside the process, reachable from children
+ * forked after Create. A file named at Create is only created and held open: the region is never
+ * backed by it. Offsets are not checked against the region's size, and a Write or Read reaching
+ * past the region is not refused; the bytes beyond it are not stored and read back as zero.
+ *
+ * PIPIpc: a thin layer over System V shared memory segments (shmget with IPC_PRIVATE, shmat,
+ * shmdt, shmctl). Android does not give applications System V shared memory: there Create fails
+ * with ERROR_NETCORE_PIPE_IPC_SHMGET and OPen with ERROR_NETCORE_PIPE_IPC_OPEN (errno ENOSYS),
+ * Get returns (void*)-1, and Free and Close do nothing.
+ *
+ * Note: the six PIPMMap codes from READ_PARAMENT on have one hexadecimal digit fewer than the
+ * others (0x0020A1x0); use the names.
+ * --------------------------------------------------------------------------------------------- */
+
+#define ERROR_NETCORE_PIPE_IPC_PARAMENT 0x020A1001
+#define ERROR_NETCORE_PIPE_IPC_SIZE 0x020A1002
+#define ERROR_NETCORE_PIPE_IPC_SHMGET 0x020A1003
+#define ERROR_NETCORE_PIPE_IPC_OPEN 0x020A1010
+#define ERROR_NETCORE_PIPE_MMAP_PARAMENT 0x020A1101
+#define ERROR_NETCORE_PIPE_MMAP_OPENFILE 0x020A1102
+#define ERROR_NETCORE_PIPE_MMAP_MAP 0x020A1103
+#define ERROR_NETCORE_PIPE_MMAP_WRITE_PARAMENT 0x020A1110
+#define ERROR_NETCORE_PIPE_MMAP_WRITE_NOTFOUND 0x020A1111
+#define ERROR_NETCORE_PIPE_MMAP_READ_PARAMENT 0x0020A120
+#define ERROR_NETCORE_PIPE_MMAP_READ_NOTFOUND 0x0020A121
+#define ERROR_NETCORE_PIPE_MMAP_OPEN_PARAMENT 0x0020A130
+#define ERROR_NETCORE_PIPE_MMAP_GETPTR_PARAMENT 0x0020A140
+#define ERROR_NETCORE_PIPE_MMAP_GETPTR_NOTFOUND 0x0020A141
+#define ERROR_NETCORE_PIPE_MMAP_GETPTR_NULL 0x0020A142
+#define ERROR_NETCORE_PIPE_MMAP_FREEPTR_PARAMENT 0x0020A150
+
+/* Maps nSize bytes (shared, anonymous) under lpszName; lpszFile, if not null, is opened (created
+ * with mode 0777 before the umask) and held until Close. An existing name keeps its region. */
+NETCORE_API bool NetCore_PIPMMap_Create(const char* lpszName, const char* lpszFile, int nSize);
+/* Copies nLen bytes to the region at offset nPos. This call sets NetCore_IsErrorOccur on entry
+ * and leaves it set even when it succeeds: judge it by its result. */
+NETCORE_API bool NetCore_PIPMMap_Write(const char* lpszName, void* lPBuffer, int nLen, int nPos);
+/* Copies nLen bytes from the region at offset nPos. */
+NETCORE_API bool NetCore_PIPMMap_Read(const char* lpszName, void* lPBuffer, int nLen, int nPos);
+/* The region's base address, valid until Close; null on failure. */
+NETCORE_API void* NetCore_PIPMMap_GetPointer(const char* lpszName);
+/* Checks the name only; nothing to free. */
+NETCORE_API bool NetCore_PIPMMap_FreePointer(const char* lpszName);
+/* Checks the name only; a region is reached by its name in this process or a forked child. */
+NETCORE_API bool NetCore_PIPMMap_OPen(const char* lpszName);
+/* Unmaps the region, closes its file and forgets the name. Always true. */
+NETCORE_API bool NetCore_PIPMMap_Close(const char* lpszName);
+
+/* Creates a private segment of nSize bytes, a whole multiple of the page size (0 passes that
+ * test and then fails in shmget), and stores its identifier in *phShm. Another process learns
+ * the identifier from its creator (a forked child inherits it). */
+NETCORE_API bool NetCore_PIPIpc_Create(int* phShm, int nSize);
+/* Tells whether a segment exists under the KEY hShm (shmget(hShm, 0, 0)); the identifier found
+ * is not returned. Segments made by Create have no key. */
+NETCORE_API bool NetCore_PIPIpc_OPen(int hShm);
+/* Attaches the segment; returns what shmat returns, (void*)-1 on failure, with no code set. */
+NETCORE_API void* NetCore_PIPIpc_Get(int hShm);
+/* Detaches an address from Get. Always true. */
+NETCORE_API bool NetCore_PIPIpc_Free(void* lPBase);
+/* Marks the segment for removal (once the last process detaches). Always true. */
+NETCORE_API bool NetCore_PIPIpc_Close(int hShm);
+
 #ifdef __cplusplus
 }
 #endif

@@ -9,5 +9,7 @@
 
 CNetCore_Socket m_Socket;
 CNetCore_PIPAnonymous m_PIPAnonymous;
+CNetCore_PIPMMap m_PIPMMap;
 CNetCore_PIPNamed m_PIPNamed;
 CNetCore_UnixDomain m_UnixDomain;
+CNetCore_PIPIpc m_PIPIpc;
