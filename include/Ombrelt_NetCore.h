@@ -232,6 +232,200 @@ NETCORE_API bool SocketOpt_HeartBeat_GetLoadAttrEx(void* xhNet, const char* lpsz
                                                    NETCORE_SOCKOPT_HBLOAD* pSt_HBLoad,
                                                    NETCORE_SOCKOPT_LOADRATE* pSt_LoadRate);
 
+/* ------------------------------------------------------------------------------------------------
+ * Unix-domain socket server (NetCore_UnixDomain_*)
+ *
+ * One server per process on a socket bound to a file-system path, in stream mode (one receive
+ * thread per accepted peer, peers named by their socket) or datagram mode (one receive loop,
+ * peers named by their own socket paths). The path must be shorter than 108 bytes: a longer one
+ * is refused (ERROR_NETCORE_UNIXDOMAIN_START_BIND, or ERROR_NETCORE_UNIXDOMAIN_SEND_FAILED as a
+ * datagram destination) with errno ENAMETOOLONG.
+ *
+ * The address text handed to the callbacks is always the empty string: identify stream peers by
+ * their socket and datagram peers by a reply path of your own protocol.
+ * --------------------------------------------------------------------------------------------- */
+
+#define ERROR_NETCORE_UNIXDOMAIN_START_PARAMENT 0x020A7001
+#define ERROR_NETCORE_UNIXDOMAIN_START_SOCKET 0x020A7002
+#define ERROR_NETCORE_UNIXDOMAIN_START_BIND 0x020A7003
+#define ERROR_NETCORE_UNIXDOMAIN_START_LISTEN 0x020A7004
+#define ERROR_NETCORE_UNIXDOMAIN_START_THREAD 0x020A7005
+#define ERROR_NETCORE_UNIXDOMAIN_SEND_PARAMENT 0x020A7010
+#define ERROR_NETCORE_UNIXDOMAIN_SEND_NOTFOUND 0x020A7011
+#define ERROR_NETCORE_UNIXDOMAIN_SEND_FAILED 0x020A7012
+#define ERROR_NETCORE_UNIXDOMAIN_SEND_LEN 0x020A7013
+
+/* A stream peer was accepted (address text, peer socket, user argument). The result is not
+ * used: returning false does not refuse the peer. */
+typedef bool (*CALLBACK_NETCORE_UNIXDOMAIN_ACCEPT)(const char* lpszClientAddr, int hSocket, void* lParam);
+/* Data arrived: from a stream peer (its socket), or as one datagram of up to 2048 bytes (the
+ * server's own socket; longer datagrams are cut). */
+typedef void (*CALLBACK_NETCORE_UNIXDOMAIN_RECV)(const char* lpszClientAddr, int hSocket, const char* lpszRecvMsg,
+                                                 int nMsgLen, void* lParam);
+/* A stream peer closed its end. Called only while a receive callback is set, and given the
+ * receive callback's user argument. */
+typedef void (*CALLBACK_NETCORE_UNIXDOMAIN_LEAVE)(const char* lpszClientAddr, int hSocket, void* lParam);
+
+/* Binds lpszUnixName (an existing file there makes bind fail) and starts the accept (or datagram
+ * receive) thread and the close thread. Set the callbacks first: a stream peer accepted while no
+ * accept callback is set gets a receive thread but is never entered in the peer table, so Send
+ * and Remove do not find it. */
+NETCORE_API bool NetCore_UnixDomain_Start(const char* lpszUnixName, bool bStream);
+/* Any callback may be null. Always true. */
+NETCORE_API bool NetCore_UnixDomain_SetCallback(CALLBACK_NETCORE_UNIXDOMAIN_ACCEPT fpCallAccept,
+                                                CALLBACK_NETCORE_UNIXDOMAIN_RECV fpCallRecv,
+                                                CALLBACK_NETCORE_UNIXDOMAIN_LEAVE fpCallLeave, void* lPAccept,
+                                                void* lPRecv, void* lPLeave);
+/* Stream mode: sends to the peer hSocket (lpszClientAddr ignored) once it is writable within
+ * 100 ms; if it is not, the call fails with the readiness wait's code and keeps its shared hold
+ * on the peer table, so that every later Remove, Stop and accepted peer waits for good. Datagram
+ * mode: sends from the server's socket to the path lpszClientAddr (hSocket ignored). No retry of
+ * a partial send. */
+NETCORE_API bool NetCore_UnixDomain_Send(int hSocket, const char* lpszMsgBuffer, int nMsgLen,
+                                         const char* lpszClientAddr);
+/* Closes a stream peer and frees it; true also for an unknown socket. A peer that closes its end
+ * is removed by the close thread within about a second. */
+NETCORE_API bool NetCore_UnixDomain_Remove(int hSocket);
+/* Stops the threads, closes every peer and unlinks the socket path. Safe without a Start and
+ * from inside a callback. Always true. */
+NETCORE_API bool NetCore_UnixDomain_Stop(void);
+
+/* ------------------------------------------------------------------------------------------------
+ * Pipes (NetCore_PIPAnonymous_*, NetCore_PIPNamed_*)
+ *
+ * Byte channels known by a name: anonymous pipes (a pipe() pair named inside the process, shared
+ * with children forked after Create) and named pipes (FIFOs in the file system, created or
+ * opened by path, read-write and non-blocking). The mailslot registry is a class only
+ * (CNetCore_PIPMailSlot, its codes below): its operations move no data on this platform.
+ * --------------------------------------------------------------------------------------------- */
+
+#define ERROR_NETCORE_PIPE_ANONYMOUS_PARAMENT 0x020A1200
+#define ERROR_NETCORE_PIPE_ANONYMOUS_READEND 0x020A1201
+#define ERROR_NETCORE_PIPE_ANONYMOUS_WRITEEND 0x020A1202
+#define ERROR_NETCORE_PIPE_ANONYMOUS_RESERVED 0x020A1203
+#define ERROR_NETCORE_PIPE_ANONYMOUS_CREATE 0x020A1204
+#define ERROR_NETCORE_PIPE_ANONYMOUS_READ_PARAMENT 0x020A1210
+#define ERROR_NETCORE_PIPE_ANONYMOUS_READ_NOTFOUND 0x020A1211
+#define ERROR_NETCORE_PIPE_ANONYMOUS_READ_FAILED 0x020A1212
+#define ERROR_NETCORE_PIPE_ANONYMOUS_WRITE_PARAMENT 0x020A1220
+#define ERROR_NETCORE_PIPE_ANONYMOUS_WRITE_NOTFOUND 0x020A1221
+#define ERROR_NETCORE_PIPE_ANONYMOUS_WRITE_FAILED 0x020A1222
+#define ERROR_NETCORE_PIPE_ANONYMOUS_WRITE_LEN 0x020A1223
+#define ERROR_NETCORE_PIPE_NAMED_PARAMENT 0x020A1300
+#define ERROR_NETCORE_PIPE_NAMED_MKFIFO 0x020A1301
+#define ERROR_NETCORE_PIPE_NAMED_OPEN 0x020A1302
+#define ERROR_NETCORE_PIPE_NAMED_READ_PARAMENT 0x020A1310
+#define ERROR_NETCORE_PIPE_NAMED_READ_NOTFOUND 0x020A1311
+#define ERROR_NETCORE_PIPE_NAMED_READ_FAILED 0x020A1313
+#define ERROR_NETCORE_PIPE_NAMED_WRITE_PARAMENT 0x020A1320
+#define ERROR_NETCORE_PIPE_NAMED_WRITE_NOTFOUND 0x020A1321
+#define ERROR_NETCORE_PIPE_NAMED_WRITE_FAILED 0x020A1323
+#define ERROR_NETCORE_PIPE_NAMED_WRITE_LEN 0x020A1324
+#define ERROR_NETCORE_PIPE_NAMED_OPEN_PARAMENT 0x020A1330
+#define ERROR_NETCORE_PIPE_NAMED_OPEN_FAILED 0x020A1332
+#define ERROR_NETCORE_PIPE_NAMED_WAIT_PARAMENT 0x020A1340
+#define ERROR_NETCORE_PIPE_MAILSLOT_PARAMENT 0x020A1401
+#define ERROR_NETCORE_PIPE_MAILSLOT_READ_PARAMENT 0x020A1410
+#define ERROR_NETCORE_PIPE_MAILSLOT_READ_NOTFOUND 0x020A1411
+#define ERROR_NETCORE_PIPE_MAILSLOT_WRITE_PARAMENT 0x020A1420
+#define ERROR_NETCORE_PIPE_MAILSLOT_WRITE_NOTFOUND 0x020A1421
+#define ERROR_NETCORE_PIPE_MAILSLOT_OPEN_PARAMENT 0x020A1430
+#define ERROR_NETCORE_PIPE_MAILSLOT_SETATTR_PARAMENT 0x020A1440
+#define ERROR_NETCORE_PIPE_MAILSLOT_GETATTR_PARAMENT 0x020A1450
+
+/* Creates a blocking pipe() pair under lpszPipeName; an existing name keeps its pipe (and the
+ * call still returns true). pulReserved is not used. */
+NETCORE_API bool NetCore_PIPAnonymous_Create(const char* lpszPipeName, unsigned long* pulReserved);
+/* One read of at most *pInt_Len bytes; *pInt_Len receives the count. It blocks until data
+ * arrive and holds the family's lock meanwhile: a Write from another thread of this process
+ * waits for it, so feed the pipe from another process (a child) or write before reading. */
+NETCORE_API bool NetCore_PIPAnonymous_Read(const char* lpszPipeName, char* ptszMsgBuffer, int* pInt_Len);
+/* One write of nMsgLen bytes; a short write fails with ERROR_NETCORE_PIPE_ANONYMOUS_WRITE_LEN. */
+NETCORE_API bool NetCore_PIPAnonymous_Write(const char* lpszPipeName, const char* lpszMsgBuffer, int nMsgLen);
+/* Closes both ends and forgets the name. Always true. */
+NETCORE_API bool NetCore_PIPAnonymous_Close(const char* lpszPipeName);
+
+/* mkfifo(lpszPipeName, 0777) (an existing path fails) and opens it read-write, non-blocking.
+ * This call sets NetCore_IsErrorOccur on entry and leaves it set even when it succeeds: judge
+ * it by its result. */
+NETCORE_API bool NetCore_PIPNamed_Create(const char* lpszPipeName);
+/* Opens an existing FIFO read-write, non-blocking. */
+NETCORE_API bool NetCore_PIPNamed_OPen(const char* lpszPipeName);
+/* A FIFO opened read-write needs no connection wait: true at once for any non-null path. */
+NETCORE_API bool NetCore_PIPNamed_WaitConnect(const char* lpszPipeName);
+/* One non-blocking read: with nothing in the FIFO it fails at once with
+ * ERROR_NETCORE_PIPE_NAMED_READ_FAILED (errno EAGAIN). */
+NETCORE_API bool NetCore_PIPNamed_Read(const char* lpszPipeName, char* ptszMsgBuffer, int* pInt_Len);
+NETCORE_API bool NetCore_PIPNamed_Write(const char* lpszPipeName, const char* lpszMsgBuffer, int nMsgLen);
+/* Closes the FIRST stored FIFO, whatever path is passed (unlinking it if this process created
+ * it). Always true. */
+NETCORE_API bool NetCore_PIPNamed_Close(const char* lpszPipeName);
+
+/* ------------------------------------------------------------------------------------------------
+ * Shared memory (NetCore_PIPMMap_*, NetCore_PIPIpc_*)
+ *
+ * PIPMMap: shared anonymous mappings known by a name inside the process, reachable from children
+ * forked after Create. A file named at Create is only created and held open: the region is never
+ * backed by it. Offsets are not checked against the region's size, and a Write or Read reaching
+ * past the region is not refused; the bytes beyond it are not stored and read back as zero.
+ *
+ * PIPIpc: a thin layer over System V shared memory segments (shmget with IPC_PRIVATE, shmat,
+ * shmdt, shmctl). Android does not give applications System V shared memory: there Create fails
+ * with ERROR_NETCORE_PIPE_IPC_SHMGET and OPen with ERROR_NETCORE_PIPE_IPC_OPEN (errno ENOSYS),
+ * Get returns (void*)-1, and Free and Close do nothing.
+ *
+ * Note: the six PIPMMap codes from READ_PARAMENT on have one hexadecimal digit fewer than the
+ * others (0x0020A1x0); use the names.
+ * --------------------------------------------------------------------------------------------- */
+
+#define ERROR_NETCORE_PIPE_IPC_PARAMENT 0x020A1001
+#define ERROR_NETCORE_PIPE_IPC_SIZE 0x020A1002
+#define ERROR_NETCORE_PIPE_IPC_SHMGET 0x020A1003
+#define ERROR_NETCORE_PIPE_IPC_OPEN 0x020A1010
+#define ERROR_NETCORE_PIPE_MMAP_PARAMENT 0x020A1101
+#define ERROR_NETCORE_PIPE_MMAP_OPENFILE 0x020A1102
+#define ERROR_NETCORE_PIPE_MMAP_MAP 0x020A1103
+#define ERROR_NETCORE_PIPE_MMAP_WRITE_PARAMENT 0x020A1110
+#define ERROR_NETCORE_PIPE_MMAP_WRITE_NOTFOUND 0x020A1111
+#define ERROR_NETCORE_PIPE_MMAP_READ_PARAMENT 0x0020A120
+#define ERROR_NETCORE_PIPE_MMAP_READ_NOTFOUND 0x0020A121
+#define ERROR_NETCORE_PIPE_MMAP_OPEN_PARAMENT 0x0020A130
+#define ERROR_NETCORE_PIPE_MMAP_GETPTR_PARAMENT 0x0020A140
+#define ERROR_NETCORE_PIPE_MMAP_GETPTR_NOTFOUND 0x0020A141
+#define ERROR_NETCORE_PIPE_MMAP_GETPTR_NULL 0x0020A142
+#define ERROR_NETCORE_PIPE_MMAP_FREEPTR_PARAMENT 0x0020A150
+
+/* Maps nSize bytes (shared, anonymous) under lpszName; lpszFile, if not null, is opened (created
+ * with mode 0777 before the umask) and held until Close. An existing name keeps its region. */
+NETCORE_API bool NetCore_PIPMMap_Create(const char* lpszName, const char* lpszFile, int nSize);
+/* Copies nLen bytes to the region at offset nPos. This call sets NetCore_IsErrorOccur on entry
+ * and leaves it set even when it succeeds: judge it by its result. */
+NETCORE_API bool NetCore_PIPMMap_Write(const char* lpszName, void* lPBuffer, int nLen, int nPos);
+/* Copies nLen bytes from the region at offset nPos. */
+NETCORE_API bool NetCore_PIPMMap_Read(const char* lpszName, void* lPBuffer, int nLen, int nPos);
+/* The region's base address, valid until Close; null on failure. */
+NETCORE_API void* NetCore_PIPMMap_GetPointer(const char* lpszName);
+/* Checks the name only; nothing to free. */
+NETCORE_API bool NetCore_PIPMMap_FreePointer(const char* lpszName);
+/* Checks the name only; a region is reached by its name in this process or a forked child. */
+NETCORE_API bool NetCore_PIPMMap_OPen(const char* lpszName);
+/* Unmaps the region, closes its file and forgets the name. Always true. */
+NETCORE_API bool NetCore_PIPMMap_Close(const char* lpszName);
+
+/* Creates a private segment of nSize bytes, a whole multiple of the page size (0 passes that
+ * test and then fails in shmget), and stores its identifier in *phShm. Another process learns
+ * the identifier from its creator (a forked child inherits it). */
+NETCORE_API bool NetCore_PIPIpc_Create(int* phShm, int nSize);
+/* Tells whether a segment exists under the KEY hShm (shmget(hShm, 0, 0)); the identifier found
+ * is not returned. Segments made by Create have no key. */
+NETCORE_API bool NetCore_PIPIpc_OPen(int hShm);
+/* Attaches the segment; returns what shmat returns, (void*)-1 on failure, with no code set. */
+NETCORE_API void* NetCore_PIPIpc_Get(int hShm);
+/* Detaches an address from Get. Always true. */
+NETCORE_API bool NetCore_PIPIpc_Free(void* lPBase);
+/* Marks the segment for removal (once the last process detaches). Always true. */
+NETCORE_API bool NetCore_PIPIpc_Close(int hShm);
+
 #ifdef __cplusplus
 }
 #endif

@@ -7,3 +7,4 @@ void Report(const char* lpszStep, bool bOk);
 
 void DemoSocket();
 void DemoHeartBeat();
+void DemoLocal();

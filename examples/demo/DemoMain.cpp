@@ -24,6 +24,7 @@ void Report(const char* lpszStep, bool bOk) {
 int main() {
     DemoSocket();
     DemoHeartBeat();
+    DemoLocal();
     printf("%s\n", g_nFailures == 0 ? "demo finished: all steps ok" : "demo finished with failures");
     return g_nFailures == 0 ? 0 : 1;
 }

@@ -8,4 +8,9 @@
 #include "Globals.h"
 
 CNetCore_Socket m_Socket;
+CNetCore_PIPAnonymous m_PIPAnonymous;
+CNetCore_PIPMMap m_PIPMMap;
+CNetCore_PIPNamed m_PIPNamed;
+CNetCore_UnixDomain m_UnixDomain;
 CSocketOpt_HeartBeatEx m_OptHeartBeat;
+CNetCore_PIPIpc m_PIPIpc;

@@ -3,7 +3,17 @@
 #pragma once
 
 #include "heartbeat/SocketOpt_HeartBeatEx.h"
+#include "local/NetCore_PIPAnonymous.h"
+#include "local/NetCore_PIPIpc.h"
+#include "local/NetCore_PIPMMap.h"
+#include "local/NetCore_PIPNamed.h"
+#include "local/NetCore_UnixDomain.h"
 #include "socket/NetCore_Socket.h"
 
 extern CNetCore_Socket m_Socket;
+extern CNetCore_PIPAnonymous m_PIPAnonymous;
+extern CNetCore_PIPMMap m_PIPMMap;
+extern CNetCore_PIPNamed m_PIPNamed;
+extern CNetCore_UnixDomain m_UnixDomain;
 extern CSocketOpt_HeartBeatEx m_OptHeartBeat;
+extern CNetCore_PIPIpc m_PIPIpc;
