@@ -8,3 +8,5 @@
 #include "Globals.h"
 
 CNetCore_Socket m_Socket;
+CNetCore_TCPSelect m_TCPSelect;
+CNetCore_TCPXPoll m_TCPXPoll;

@@ -5,3 +5,9 @@
 #include "socket/NetCore_Socket.h"
 
 extern CNetCore_Socket m_Socket;
+
+#include "tcpserver/NetCore_TCPSelect.h"
+#include "tcpserver/NetCore_TCPXPoll.h"
+
+extern CNetCore_TCPSelect m_TCPSelect;
+extern CNetCore_TCPXPoll m_TCPXPoll;
