@@ -317,6 +317,8 @@ TEST(TCPServerUnload, ExitWithBothServersRunningEndsCleanly) {
     }
     ASSERT_TRUE(ended) << "the process did not end: a server thread kept it alive";
     ASSERT_TRUE(WIFEXITED(status));
+    // 127: the copy could not be executed (an emulated target without binfmt support)
+    if (WEXITSTATUS(status) == 127) GTEST_SKIP() << "cannot execute a copy of the test program here";
     EXPECT_EQ(0, WEXITSTATUS(status));
 }
 
