@@ -426,6 +426,99 @@ NETCORE_API bool NetCore_PIPIpc_Free(void* lPBase);
 /* Marks the segment for removal (once the last process detaches). Always true. */
 NETCORE_API bool NetCore_PIPIpc_Close(int hShm);
 
+/* ------------------------------------------------------------------------------------------------
+ * TCP servers on poll() and select() (NetCore_TCPXPoll_*, NetCore_TCPSelect_*)
+ *
+ * Two single-instance TCP servers. Clients are named by their address text "%s:%d" (the address
+ * as inet_ntop gives it, IPv6 not bracketed, and the port). nIPVer 2 means IPv4, any other value
+ * IPv6. The callbacks run on the servers' own threads:
+ *   login (address, socket, context): its result is ignored;
+ *   receive (address, socket, data, length, context);
+ *   leave (address, socket, context).
+ * The client lists of GetList are nCount rows of 128 characters allocated through
+ * BaseLib_OperatorMemory_Malloc; the caller releases them with BaseLib_OperatorMemory_Free and
+ * the same count.
+ * --------------------------------------------------------------------------------------------- */
+
+typedef bool (*CALLBACK_NETCORE_TCPSERVER_LOGIN)(const char* lpszClientAddr, int hSocket, void* lParam);
+typedef void (*CALLBACK_NETCORE_TCPSERVER_RECV)(const char* lpszClientAddr, int hSocket, const char* lpszMsgBuffer,
+                                                int nMsgLen, void* lParam);
+typedef void (*CALLBACK_NETCORE_TCPSERVER_LEAVE)(const char* lpszClientAddr, int hSocket, void* lParam);
+
+/* select() server; the two GetList codes are also those of the poll() server's GetList */
+#define ERROR_NETCORE_TCPSELECT_START_ISRUN 0x020A4101
+#define ERROR_NETCORE_TCPSELECT_START_MAINTHREAD 0x020A4107
+#define ERROR_NETCORE_TCPSELECT_START_CLOSETHREAD 0x020A4108
+#define ERROR_NETCORE_TCPSELECT_SEND_NOTFOUND 0x020A4110
+#define ERROR_NETCORE_TCPSELECT_GETLIST_PARAMENT 0x020A4120
+#define ERROR_NETCORE_TCPSELECT_GETLIST_EMPTY 0x020A4121
+#define ERROR_NETCORE_TCPSELECT_GETFLOW_PARAMENT 0x020A4160
+#define ERROR_NETCORE_TCPSELECT_READIOEVENT_PARAMENT 0x020A4170
+#define ERROR_NETCORE_TCPSELECT_READIOEVENT_EMPTY 0x020A4171
+#define ERROR_NETCORE_TCPSELECT_READIOEVENT_CALLBACK 0x020A4172
+#define ERROR_NETCORE_TCPSELECT_READIOEVENT_NOTFOUND 0x020A4173
+
+/* poll() server */
+#define ERROR_NETCORE_TCPXPOLL_START_ISRUN 0x020A4201
+#define ERROR_NETCORE_TCPXPOLL_START_THREAD 0x020A4202 /* written with NetCore_IsErrorOccur left false */
+#define ERROR_NETCORE_TCPXPOLL_IO_TIMEOUT 0x020A4210
+#define ERROR_NETCORE_TCPXPOLL_IO_POLL 0x020A4211
+#define ERROR_NETCORE_TCPXPOLL_IO_MALLOC 0x020A4212
+#define ERROR_NETCORE_TCPXPOLL_SELECT_MALLOC 0x020A4220
+#define ERROR_NETCORE_TCPXPOLL_SELECT_THREAD 0x020A4221
+#define ERROR_NETCORE_TCPXPOLL_SEND_NOTFOUND 0x020A4230
+#define ERROR_NETCORE_TCPXPOLL_SEND_SOCKET 0x020A4231
+#define ERROR_NETCORE_TCPXPOLL_REGISTERCALLBACK_PARAMENT 0x020A4240
+
+/* One accept thread; clients are served in groups of up to 64 (65 at most), one receive thread
+ * and one poll() per group. Admission: a client is refused (login callback with socket 0, then
+ * closed) when more than nMaxClient clients are already connected, so nMaxClient + 1 are
+ * admitted. A client of a group is treated as departed (leave callback, then closed) when an
+ * event of a later client of its group wakes the group while it has none of its own. */
+NETCORE_API bool NetCore_TCPXPoll_Start(int nPort, int nMaxClient, int nIPVer);
+/* All three callbacks are required; a null context keeps the one stored before. */
+NETCORE_API bool NetCore_TCPXPoll_RegisterCallBack(CALLBACK_NETCORE_TCPSERVER_LOGIN fpCall_Login,
+                                                   CALLBACK_NETCORE_TCPSERVER_RECV fpCall_Recv,
+                                                   CALLBACK_NETCORE_TCPSERVER_LEAVE fpCall_Leave, void* lPLogin,
+                                                   void* lPRecv, void* lPLeave);
+/* Sends with a 3 s time-out. The bytes sent are counted into the second counter of GetNetFlow,
+ * together with the bytes received; the first counter stays 0. */
+NETCORE_API bool NetCore_TCPXPoll_Send(const char* lpszClientAddr, const char* lpszMsgBuffer, int nMsgLen);
+/* Closes a client without a leave callback; always true (also for an unknown address). */
+NETCORE_API bool NetCore_TCPXPoll_Close(const char* lpszClientAddr);
+/* Stops accepting; connected clients stay and are served until their next event. Always true. */
+NETCORE_API bool NetCore_TCPXPoll_Stop(bool bClearFlow);
+/* Writes (up, down); no null test. Always true. */
+NETCORE_API bool NetCore_TCPXPoll_GetNetFlow(unsigned long long* pInt_FlowUp, unsigned long long* pInt_FlowDown);
+/* Stores the client count; with a non-null pppszList also hands out the addresses. */
+NETCORE_API bool NetCore_TCPXPoll_GetList(char*** pppszList, int* pInt_ListCount);
+
+/* One accept thread, one close thread, one thread per client waiting with select() for nTimeOut
+ * milliseconds. Without callbacks, events queue up for NetCore_TCPSelect_ReadIOEvent with the
+ * types 0x01 (client arrived), 0x100 (data received) and 0x10 (client left). */
+NETCORE_API bool NetCore_TCPSelect_Start(int nPort, int nTimeOut, bool bKeepAlive, int nIPVer);
+/* Stores all six values as given, nulls included; always true. */
+NETCORE_API bool NetCore_TCPSelect_RegisterCallBack(CALLBACK_NETCORE_TCPSERVER_LOGIN fpCall_Login,
+                                                    CALLBACK_NETCORE_TCPSERVER_RECV fpCall_Recv,
+                                                    CALLBACK_NETCORE_TCPSERVER_LEAVE fpCall_Leave, void* lPLogin,
+                                                    void* lPRecv, void* lPLeave);
+/* Waits up to 100 ms for the socket to be writable, then sends with a 3 s time-out. A failure
+ * leaves the code of the socket utility that failed. */
+NETCORE_API bool NetCore_TCPSelect_Send(const char* lpszClientAddr, const char* lpszMsgBuffer, int nMsgLen);
+/* Ends a client without a departure report; always true. Takes up to one select time-out. */
+NETCORE_API bool NetCore_TCPSelect_RemoveClient(const char* lpszClientAddr);
+/* Ends every client (no departure reports) and the server's threads; always true. */
+NETCORE_API bool NetCore_TCPSelect_Stop(bool bClearFlow);
+/* (sent, received) */
+NETCORE_API bool NetCore_TCPSelect_GetFlow(unsigned long long* pInt_FlowUp, unsigned long long* pInt_FlowDown);
+NETCORE_API bool NetCore_TCPSelect_GetList(char*** pppszList, int* pInt_ListCount);
+/* Takes the first queued event whose address begins with lpszClientAddr (an empty string matches
+ * every address) and whose type shares a bit with *pdwType (0 takes any type). The address is
+ * copied back into lpszClientAddr (at least 64 characters) and the type into *pdwType; for a data
+ * event the length goes to *pInt_Len, but the data itself is not copied into lpszMsgBuffer. */
+NETCORE_API bool NetCore_TCPSelect_ReadIOEvent(char* lpszClientAddr, char* lpszMsgBuffer, int* pInt_Len,
+                                               unsigned long* pdwType);
+
 #ifdef __cplusplus
 }
 #endif

@@ -8,3 +8,4 @@ void Report(const char* lpszStep, bool bOk);
 void DemoSocket();
 void DemoHeartBeat();
 void DemoLocal();
+void DemoTCPServers();

@@ -25,6 +25,7 @@ int main() {
     DemoSocket();
     DemoHeartBeat();
     DemoLocal();
+    DemoTCPServers();
     printf("%s\n", g_nFailures == 0 ? "demo finished: all steps ok" : "demo finished with failures");
     return g_nFailures == 0 ? 0 : 1;
 }
