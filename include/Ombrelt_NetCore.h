@@ -519,6 +519,60 @@ NETCORE_API bool NetCore_TCPSelect_GetList(char*** pppszList, int* pInt_ListCoun
 NETCORE_API bool NetCore_TCPSelect_ReadIOEvent(char* lpszClientAddr, char* lpszMsgBuffer, int* pInt_Len,
                                                unsigned long* pdwType);
 
+/* ------------------------------------------------------------------------------------------------
+ * UDP epoll server (NetCore_UDPXCore_*Ex)
+ *
+ * One bound UDP socket served by a number of receive threads, each with its own epoll instance.
+ * Every datagram (cut to 2048 bytes) reaches the receive callback with the sender as "%s:%d"
+ * (IPv6 addresses unbracketed) and the server's bound socket; a (null, -1) call reports a receive
+ * error. Register the callback before traffic arrives: datagrams that come earlier are dropped.
+ * The codes share their family byte with the socket utilities: tell them apart by the call.
+ * --------------------------------------------------------------------------------------------- */
+
+#define ERROR_NETCORE_UDPXCORE_CREATE_MALLOC 0x020A4501
+#define ERROR_NETCORE_UDPXCORE_CREATE_EPOLL 0x020A4502
+#define ERROR_NETCORE_UDPXCORE_CREATE_CTLSOCKET 0x020A4503
+#define ERROR_NETCORE_UDPXCORE_CREATE_PIPE 0x020A4506
+#define ERROR_NETCORE_UDPXCORE_CREATE_CTLPIPE 0x020A4507
+#define ERROR_NETCORE_UDPXCORE_SENDMSG_PARAMENT 0x020A4510
+#define ERROR_NETCORE_UDPXCORE_GETFLOW_PARAMENT 0x020A4520
+#define ERROR_NETCORE_UDPXCORE_CBSET_PARAMENT 0x020A4530
+#define ERROR_NETCORE_UDPXCORE_GETTIME_PARAMENT 0x020A4550
+#define ERROR_NETCORE_UDPXCORE_AVERAGE_PARAMENT 0x020A4660
+#define ERROR_NETCORE_UDPXCORE_STARTEX_MALLOC 0x020A45A0
+#define ERROR_NETCORE_UDPXCORE_HANDLE_NULL 0x020A45A1
+
+/* receive callback: (sender "%s:%d", bound socket, datagram or null, length or -1, lParam) */
+typedef void (*CALLBACK_NETCORE_UDPXCORE_RECV)(const char* lpszClientAddr, int hSocket, const char* lpszMsgBuffer,
+                                              int nMsgLen, void* lParam);
+
+/* Binds nPort (all addresses, address reuse) and starts nThread receive threads (0 or less: one
+ * per hardware thread). nTimeFlow is the flow interval in seconds. Null on failure. */
+NETCORE_API void* NetCore_UDPXCore_StartEx(int nPort, int nThread, int nTimeFlow, int nIPVer);
+NETCORE_API bool NetCore_UDPXCore_GetSocketEx(void* xhToken, int* phSocket);
+/* Stops the threads and frees the server; bClearFlow only matters to direct users of the class. */
+NETCORE_API bool NetCore_UDPXCore_DestroyEx(void* xhToken, bool bClearFlow);
+/* Sends one datagram to "address:port" (split at the last colon, so "::1:5000" works; at most 63
+ * characters are read). Counted only when the send succeeds. */
+NETCORE_API bool NetCore_UDPXCore_SendEx(void* xhToken, const char* lpszClientAddr, const char* lpszMsgBuffer,
+                                         int nMsgLen);
+/* Totals since start; the packet outputs may be null. */
+NETCORE_API bool NetCore_UDPXCore_GetFlowEx(void* xhToken, unsigned long long* pInt_SendBytes,
+                                            unsigned long long* pInt_RecvBytes, unsigned long long* pInt_SendPackets,
+                                            unsigned long long* pInt_RecvPackets);
+/* Ticks (milliseconds) of the last received datagram and of the last successful send. */
+NETCORE_API bool NetCore_UDPXCore_GetTimeEx(void* xhToken, unsigned long long* pInt_TimeRecv,
+                                            unsigned long long* pInt_TimeSend);
+/* bWhole: totals divided by (milliseconds since start x 1000). Otherwise each total less the
+ * total at the last interval close divided by the interval; the third output starts from the
+ * received packet total, as it always has. */
+NETCORE_API bool NetCore_UDPXCore_GetAverageFlowEx(void* xhToken, unsigned long long* pInt_SendBytes,
+                                                   unsigned long long* pInt_RecvBytes,
+                                                   unsigned long long* pInt_SendPackets,
+                                                   unsigned long long* pInt_RecvPackets, bool bWhole);
+NETCORE_API bool NetCore_UDPXCore_RegisterCallBackEx(void* xhToken, CALLBACK_NETCORE_UDPXCORE_RECV fpCall_Recv,
+                                                     void* lParam);
+
 #ifdef __cplusplus
 }
 #endif
