@@ -7,5 +7,6 @@ void Report(const char* lpszStep, bool bOk);
 
 void DemoSocket();
 void DemoHeartBeat();
+void DemoUDPXCore();
 void DemoLocal();
 void DemoTCPServers();

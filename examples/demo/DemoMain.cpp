@@ -24,6 +24,7 @@ void Report(const char* lpszStep, bool bOk) {
 int main() {
     DemoSocket();
     DemoHeartBeat();
+    DemoUDPXCore();
     DemoLocal();
     DemoTCPServers();
     printf("%s\n", g_nFailures == 0 ? "demo finished: all steps ok" : "demo finished with failures");
