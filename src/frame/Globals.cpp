@@ -8,3 +8,4 @@
 #include "Globals.h"
 
 CNetCore_Socket m_Socket;
+CNetCore_TCPXCoreEx m_TCPXCore;

@@ -3,5 +3,7 @@
 #pragma once
 
 #include "socket/NetCore_Socket.h"
+#include "tcpxcore/NetCore_TCPXCoreEx.h"
 
 extern CNetCore_Socket m_Socket;
+extern CNetCore_TCPXCoreEx m_TCPXCore;
