@@ -170,6 +170,9 @@ typedef void (*CALLBACK_NETCORE_TCPXCORE_SEND)(const char* lpszClientAddr, int h
  * keep-alive on the listening sockets. bReuseAddr: address reuse for the probe that first proves
  * the port can be taken (the listening sockets always reuse address and port). nFlowPeriod:
  * averaging period in seconds of GetAverageFlowEx. Also makes the process ignore SIGPIPE.
+ * With bKeepAlive the listening sockets go through NetCore_Socket_KeepAlive, whose refused count
+ * option leaves NetCore_IsErrorOccur set (ERROR_NETCORE_SOCKET_KEEPALIVE_COUNT) on Linux even
+ * though the server starts: judge StartEx by its result.
  * Null on failure: a busy port gives ERROR_NETCORE_SOCKET_BIND_BIND (an IPv4 one also prints
  * "NetCore_Socket_Bind:<errno>"); a failing thread pool leaves the pool library's own code. */
 NETCORE_API void* NetCore_TCPXCore_StartEx(int nPort, int nMaxClient, int nThreads, bool bKeepAlive, bool bReuseAddr,
