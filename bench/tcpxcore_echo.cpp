@@ -445,8 +445,13 @@ int main(int argc, char** argv) {
     // the clients and the server's sockets live in this one process
     rlimit st_Limit{};
     getrlimit(RLIMIT_NOFILE, &st_Limit);
-    st_Limit.rlim_cur = st_Limit.rlim_max;
-    setrlimit(RLIMIT_NOFILE, &st_Limit);
+    // a privileged run may raise the hard limit too; otherwise take what the hard limit allows
+    rlimit st_Wanted{65536, std::max<rlim_t>(65536, st_Limit.rlim_max)};
+    if (setrlimit(RLIMIT_NOFILE, &st_Wanted) != 0) {
+        st_Limit.rlim_cur = st_Limit.rlim_max;
+        setrlimit(RLIMIT_NOFILE, &st_Limit);
+    }
+    getrlimit(RLIMIT_NOFILE, &st_Limit);
     int nMaxConns = static_cast<int>(std::min<rlim_t>(st_Limit.rlim_cur, 1 << 20) / 2) - 64;
 
     NetCoreEcho st_NetCore;
