@@ -148,7 +148,6 @@ private:
         st_Event.data.fd = hListen;
         epoll_ctl(hEpoll, EPOLL_CTL_ADD, hListen, &st_Event);
         std::vector<epoll_event> stl_Events(1024);
-        std::vector<int> stl_Open;
         char tszBuffer[8192];
         while (m_bRun) {
             int nCount = epoll_wait(hEpoll, stl_Events.data(), static_cast<int>(stl_Events.size()), 20);
@@ -177,10 +176,8 @@ private:
                 }
             }
         }
-        // whatever is still open goes with the epoll instance's owner
         close(hEpoll);
         close(hListen);
-        (void)stl_Open;
     }
     static void WriteAll(int hFd, const char* lpszData, size_t nLen) {
         while (nLen > 0) {
