@@ -573,6 +573,137 @@ NETCORE_API bool NetCore_UDPXCore_GetAverageFlowEx(void* xhToken, unsigned long 
 NETCORE_API bool NetCore_UDPXCore_RegisterCallBackEx(void* xhToken, CALLBACK_NETCORE_UDPXCORE_RECV fpCall_Recv,
                                                      void* lParam);
 
+/* ------------------------------------------------------------------------------------------------
+ * TCP epoll server (NetCore_TCPXCore_*Ex)
+ *
+ * A many-client TCP server: several event threads, each with its own listening socket on the
+ * same port (port reuse), its own edge-triggered epoll instance and its own wake-up pipe. Every
+ * connection is served for its whole life by the thread that accepted it, so all callbacks of
+ * one client come from one thread; callbacks of different clients may run at the same time.
+ *
+ * Servers are reached through handles: StartEx creates and starts one and returns it, every
+ * other call takes it first, DestroyEx stops and frees it. Only a null handle is detected.
+ *
+ * Clients are named by their address text "%s:%d" (the address as inet_ntop gives it, IPv6 not
+ * bracketed, and the port), at most 127 characters. nIPVer 2 means IPv4, any other value IPv6.
+ *
+ * Register the callbacks right after StartEx: a client accepted before that is kept without a
+ * login callback, and its data is dropped until callbacks exist.
+ *   login (address, socket, context): false closes the client. When the client limit is
+ *     exceeded it is called with socket 0, its result is ignored and the client is closed.
+ *   receive (address, socket, data, length, context): one call per read, or per framed message
+ *     (SetLimitEx). The data is followed by a zero byte. A client disabled with SetStatusEx gets
+ *     one call with null data and length -1 on its next data, and is then closed.
+ *   leave (address, socket, context): the peer closed, failed or reported an error; the client
+ *     is closed after the call. CloseForClientEx and DestroyEx call no leave callback.
+ *   writable (address, socket, context): registered per client with CBSendEx; called when the
+ *     socket becomes writable, and again after every successful SendEx to that client.
+ * Calling DestroyEx from inside one of the server's own callbacks is allowed: the stop then
+ * finishes on a helper thread shortly after the callback returns.
+ * --------------------------------------------------------------------------------------------- */
+
+#define ERROR_NETCORE_TCPXCORE_START_SIGSET 0x020A4301
+#define ERROR_NETCORE_TCPXCORE_START_SIGNAL 0x020A4302
+#define ERROR_NETCORE_TCPXCORE_CREATE_MALLOC 0x020A4304
+#define ERROR_NETCORE_TCPXCORE_CREATE_EPOLL 0x020A4305
+#define ERROR_NETCORE_TCPXCORE_CREATE_EPOLLCTL 0x020A4306
+#define ERROR_NETCORE_TCPXCORE_CREATE_PIPE 0x020A4308
+#define ERROR_NETCORE_TCPXCORE_PARAMENT 0x020A4309
+#define ERROR_NETCORE_TCPXCORE_NOTFOUND 0x020A4310
+#define ERROR_NETCORE_TCPXCORE_SOCKET_INVALID 0x020A4315
+#define ERROR_NETCORE_TCPXCORE_SEND_STATUS 0x020A4316
+#define ERROR_NETCORE_TCPXCORE_EMPTY 0x020A4317
+#define ERROR_NETCORE_TCPXCORE_PAUSE_EPOLLCTL 0x020A4318
+#define ERROR_NETCORE_TCPXCORE_SEND_EPOLLCTL 0x020A4319
+#define ERROR_NETCORE_TCPXCORE_EX_START 0x020A43A0
+#define ERROR_NETCORE_TCPXCORE_EX_HANDLE 0x020A43A1
+
+typedef bool (*CALLBACK_NETCORE_TCPXCORE_LOGIN)(const char* lpszClientAddr, int hSocket, void* lParam);
+typedef void (*CALLBACK_NETCORE_TCPXCORE_RECV)(const char* lpszClientAddr, int hSocket, const char* lpszRecvMsg,
+                                               int nMsgLen, void* lParam);
+typedef void (*CALLBACK_NETCORE_TCPXCORE_LEAVE)(const char* lpszClientAddr, int hSocket, void* lParam);
+typedef void (*CALLBACK_NETCORE_TCPXCORE_SEND)(const char* lpszClientAddr, int hSocket, void* lParam);
+
+/* Starts a server on nPort (all addresses) with nThreads event threads (0 or below: one per
+ * hardware thread) and returns its handle. nMaxClient: most clients at once. bKeepAlive: TCP
+ * keep-alive on the listening sockets. bReuseAddr: address reuse for the probe that first proves
+ * the port can be taken (the listening sockets always reuse address and port). nFlowPeriod:
+ * averaging period in seconds of GetAverageFlowEx. Also makes the process ignore SIGPIPE.
+ * With bKeepAlive the listening sockets go through NetCore_Socket_KeepAlive, whose refused count
+ * option leaves NetCore_IsErrorOccur set (ERROR_NETCORE_SOCKET_KEEPALIVE_COUNT) on Linux even
+ * though the server starts: judge StartEx by its result.
+ * Null on failure: a busy port gives ERROR_NETCORE_SOCKET_BIND_BIND (an IPv4 one also prints
+ * "NetCore_Socket_Bind:<errno>"); a failing thread pool leaves the pool library's own code. */
+NETCORE_API void* NetCore_TCPXCore_StartEx(int nPort, int nMaxClient, int nThreads, bool bKeepAlive, bool bReuseAddr,
+                                           int nFlowPeriod, int nIPVer);
+/* Stops the threads, closes every client (no leave callback) and frees the server; bClearFlow
+ * is accepted for the server's flow counters, which go with it. The handle is invalid after. */
+NETCORE_API bool NetCore_TCPXCore_DestroyEx(void* xhNet, bool bClearFlow);
+/* Contexts are stored only when non-null (a null one keeps the previous context). All three
+ * callbacks are required (ERROR_NETCORE_TCPXCORE_PARAMENT). */
+NETCORE_API bool NetCore_TCPXCore_RegisterCallBackEx(void* xhNet, CALLBACK_NETCORE_TCPXCORE_LOGIN fpCallePoll_Login,
+                                                     CALLBACK_NETCORE_TCPXCORE_RECV fpCallePoll_Recv,
+                                                     CALLBACK_NETCORE_TCPXCORE_LEAVE fpCallePoll_Leave,
+                                                     void* lPLogin, void* lPRecv, void* lPLeave);
+/* Sends the whole message to a client. nIOSelect 0 or more first waits that many milliseconds
+ * for the socket to be writable (NetCore_Socket_IOSelect; a negative value skips the wait);
+ * then the send retries every 10 ms while the socket would block, for up to nTimeOut seconds
+ * (NetCore_Socket_Send's codes). Sends to one client are serialised; a client disabled with
+ * SetStatusEx gives ERROR_NETCORE_TCPXCORE_SEND_STATUS. */
+NETCORE_API bool NetCore_TCPXCore_SendEx(void* xhNet, const char* lpszClientAddr, const char* lpszMsgBuffer,
+                                         int nMsgLen, int nTimeOut, int nIOSelect);
+/* Registers (non-null) or removes (null) the client's writable callback. Unlike every other
+ * operation this one sets NetCore_IsErrorOccur on entry and leaves it set on success: rely on
+ * its result only. */
+NETCORE_API bool NetCore_TCPXCore_CBSendEx(void* xhNet, const char* lpszClientAddr,
+                                           CALLBACK_NETCORE_TCPXCORE_SEND fpCallSend, void* lParam);
+/* Hands out every client's address: *pInt_ListCount rows of 128 characters allocated with
+ * BaseLib_OperatorMemory_Malloc; release them with BaseLib_OperatorMemory_Free(pppszListAddr,
+ * count). An empty server gives ERROR_NETCORE_TCPXCORE_EMPTY and allocates nothing. */
+NETCORE_API bool NetCore_TCPXCore_GetAllEx(void* xhNet, char*** pppszListAddr, int* pInt_ListCount);
+/* Closes the client at once, without a leave callback. */
+NETCORE_API bool NetCore_TCPXCore_CloseForClientEx(void* xhNet, const char* lpszClientAddr);
+/* true disables the client: sends are refused and its next data closes it (see receive). */
+NETCORE_API bool NetCore_TCPXCore_SetStatusEx(void* xhNet, const char* lpszClientAddr, bool bStatus);
+/* hSocket 0 gives ERROR_NETCORE_TCPXCORE_PARAMENT; ptszClientAddr must hold 128 bytes. */
+NETCORE_API bool NetCore_TCPXCore_GetAddrForSocketEx(void* xhNet, int hSocket, char* ptszClientAddr);
+NETCORE_API bool NetCore_TCPXCore_GetSocketForAddrEx(void* xhNet, const char* lpszClientAddr, int* phSocket);
+/* Bytes sent, bytes received, packets sent, packets received: of one client, or of the whole
+ * server when lpszClientAddr is null. The two byte pointers are required, the others optional. */
+NETCORE_API bool NetCore_TCPXCore_GetFlowEx(void* xhNet, unsigned long long* pInt_SendBytes,
+                                            unsigned long long* pInt_RecvBytes, unsigned long long* pInt_SendPackets,
+                                            unsigned long long* pInt_RecvPackets, const char* lpszClientAddr);
+/* Milliseconds since the client's latest send and receive (0 when there was none) and, when
+ * pInt_OnlineTime is not null, since it connected. */
+NETCORE_API bool NetCore_TCPXCore_GetTimeEx(void* xhNet, const char* lpszClientAddr, unsigned long long* pInt_SendTime,
+                                            unsigned long long* pInt_RecvTime, unsigned long long* pInt_OnlineTime);
+/* Averages, in unsigned integer arithmetic:
+ *   server (null address) or client with bAll: counter / (elapsed milliseconds * 1000), 0 while
+ *     no millisecond has passed;
+ *   client without bAll: counter - snapshot / nFlowPeriod, the snapshot being the counter's
+ *     value when the current period of its direction began (0 when nFlowPeriod is 0).
+ * All four pointers are required. */
+NETCORE_API bool NetCore_TCPXCore_GetAverageFlowEx(void* xhNet, unsigned long long* pInt_SendBytes,
+                                                   unsigned long long* pInt_RecvBytes,
+                                                   unsigned long long* pInt_SendPackets,
+                                                   unsigned long long* pInt_RecvPackets, const char* lpszClientAddr,
+                                                   bool bAll);
+/* Frames the client's incoming data. nPktLen above 0: messages of nPktLen bytes, at most one
+ * delivered per read (the rest stays buffered for the next read). While less than nPktLen bytes
+ * are buffered and lpszEndMark is not empty, everything buffered is delivered as soon as it
+ * contains the terminator (a text search). nPktLen 0 or below: no framing, one call per read.
+ * Bounds: the terminator keeps at most its first 255 characters; a packet length above 8192 is
+ * stored as given (GetLimitEx returns it) but framing uses 8192, the size of the buffer; and a
+ * buffered remainder that would exceed 8192 bytes is delivered in further whole messages at
+ * once instead of overflowing. The buffer is only allocated for a client once a limit is set. */
+NETCORE_API bool NetCore_TCPXCore_SetLimitEx(void* xhNet, const char* lpszClientAddr, int nPktLen,
+                                             const char* lpszEndMark);
+/* Either pointer may be null; ptszEndMark must hold 256 bytes. */
+NETCORE_API bool NetCore_TCPXCore_GetLimitEx(void* xhNet, const char* lpszClientAddr, int* pInt_PktLen,
+                                             char* ptszEndMark);
+/* bRecv false stops reading the client (its socket leaves the epoll set); true resumes it. */
+NETCORE_API bool NetCore_TCPXCore_PasueRecvEx(void* xhNet, const char* lpszClientAddr, bool bRecv);
+
 #ifdef __cplusplus
 }
 #endif

@@ -10,3 +10,4 @@ void DemoHeartBeat();
 void DemoUDPXCore();
 void DemoLocal();
 void DemoTCPServers();
+void DemoTCPXCore();

@@ -27,6 +27,7 @@ int main() {
     DemoUDPXCore();
     DemoLocal();
     DemoTCPServers();
+    DemoTCPXCore();
     printf("%s\n", g_nFailures == 0 ? "demo finished: all steps ok" : "demo finished with failures");
     return g_nFailures == 0 ? 0 : 1;
 }

@@ -14,6 +14,7 @@ CNetCore_PIPNamed m_PIPNamed;
 CNetCore_UnixDomain m_UnixDomain;
 CNetCore_TCPSelect m_TCPSelect;
 CNetCore_TCPXPoll m_TCPXPoll;
+CNetCore_TCPXCoreEx m_TCPXCore;
 CNetCore_UDPXCoreEx m_UDPXCore;
 CSocketOpt_HeartBeatEx m_OptHeartBeat;
 CNetCore_PIPIpc m_PIPIpc;

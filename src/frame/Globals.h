@@ -11,6 +11,7 @@
 #include "socket/NetCore_Socket.h"
 #include "tcpserver/NetCore_TCPSelect.h"
 #include "tcpserver/NetCore_TCPXPoll.h"
+#include "tcpxcore/NetCore_TCPXCoreEx.h"
 #include "udpxcore/NetCore_UDPXCoreEx.h"
 
 extern CNetCore_Socket m_Socket;
@@ -20,6 +21,7 @@ extern CNetCore_PIPNamed m_PIPNamed;
 extern CNetCore_UnixDomain m_UnixDomain;
 extern CNetCore_TCPSelect m_TCPSelect;
 extern CNetCore_TCPXPoll m_TCPXPoll;
+extern CNetCore_TCPXCoreEx m_TCPXCore;
 extern CNetCore_UDPXCoreEx m_UDPXCore;
 extern CSocketOpt_HeartBeatEx m_OptHeartBeat;
 extern CNetCore_PIPIpc m_PIPIpc;

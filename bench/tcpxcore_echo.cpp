@@ -1,0 +1,496 @@
+// Echo benchmark of the TCP epoll server against a minimal echo server written directly on epoll
+// (one SO_REUSEPORT listener, epoll instance and thread per server thread: the practical ceiling
+// on this machine), both driven by the same loopback load generator in the same run.
+//
+// Usage: tcpxcore_echo [--seconds S] [--repeat R] [--inflight M] [--threads T] [--conns a,b,c] [--sizes x,y]
+//   defaults: 1 s per measurement after a 0.3 s warm-up, 3 repeats (median taken, the servers
+//   interleaved), 1 message in flight per connection, 2 server threads and 2 client threads,
+//   64, 1000 and 10000 connections, 64-byte and 4096-byte messages.
+// Prints messages/s, MB/s (each way), p50 and p99 round-trip latency per cell, every figure as a
+// ratio to the minimal server, and the heap bytes each idle connection costs.
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <malloc.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/epoll.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "Ombrelt_NetCore.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+struct Options {
+    double dSeconds = 1.0;
+    int nRepeat = 3;
+    int nInflight = 1;
+    int nThreads = 2;
+    std::vector<int> stl_Conns{64, 1000, 10000};
+    std::vector<int> stl_Sizes{64, 4096};
+};
+
+std::vector<int> ParseList(const char* lpszText) {
+    std::vector<int> stl_Values;
+    std::stringstream st_Stream(lpszText);
+    std::string strItem;
+    while (std::getline(st_Stream, strItem, ','))
+        stl_Values.push_back(atoi(strItem.c_str()));
+    return stl_Values;
+}
+
+int FreePort() {
+    int hSocket = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in st_Addr{};
+    st_Addr.sin_family = AF_INET;
+    socklen_t nLen = sizeof(st_Addr);
+    bind(hSocket, reinterpret_cast<sockaddr*>(&st_Addr), nLen);
+    getsockname(hSocket, reinterpret_cast<sockaddr*>(&st_Addr), &nLen);
+    close(hSocket);
+    return ntohs(st_Addr.sin_port);
+}
+
+// ----- the servers -------------------------------------------------------------------------------
+
+class EchoServer {
+public:
+    virtual ~EchoServer() = default;
+    virtual const char* Name() const = 0;
+    virtual bool Start(int nPort, int nThreads) = 0;
+    virtual void Stop() = 0;
+    virtual int Clients() = 0;
+};
+
+// This library's server: the receive callback sends the data straight back.
+class NetCoreEcho : public EchoServer {
+public:
+    const char* Name() const override { return "NetCore TCPXCore"; }
+    bool Start(int nPort, int nThreads) override {
+        m_xhNet = NetCore_TCPXCore_StartEx(nPort, 100000, nThreads, false, true, 1, AF_INET);
+        if (m_xhNet == nullptr) return false;
+        NetCore_TCPXCore_RegisterCallBackEx(m_xhNet, OnLogin, OnRecv, OnLeave, this, m_xhNet, this);
+        return true;
+    }
+    void Stop() override {
+        if (m_xhNet != nullptr) NetCore_TCPXCore_DestroyEx(m_xhNet, true);
+        m_xhNet = nullptr;
+        m_nClients = 0;
+    }
+    int Clients() override { return m_nClients.load(); }
+
+private:
+    static bool OnLogin(const char*, int, void* lParam) {
+        static_cast<NetCoreEcho*>(lParam)->m_nClients++;
+        return true;
+    }
+    static void OnRecv(const char* lpszAddr, int, const char* lpszMsg, int nLen, void* lParam) {
+        NetCore_TCPXCore_SendEx(lParam, lpszAddr, lpszMsg, nLen, 3, -1);
+    }
+    static void OnLeave(const char*, int, void* lParam) { static_cast<NetCoreEcho*>(lParam)->m_nClients--; }
+
+    void* m_xhNet = nullptr;
+    std::atomic<int> m_nClients{0};
+};
+
+// The reference: per thread a SO_REUSEPORT listener and an epoll instance, edge-triggered
+// clients drained to EAGAIN and written straight back; nothing else.
+class MinimalEcho : public EchoServer {
+public:
+    const char* Name() const override { return "minimal epoll"; }
+    bool Start(int nPort, int nThreads) override {
+        m_bRun = true;
+        for (int i = 0; i < nThreads; i++) {
+            int hListen = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0);
+            int nOne = 1;
+            setsockopt(hListen, SOL_SOCKET, SO_REUSEADDR, &nOne, sizeof(nOne));
+            setsockopt(hListen, SOL_SOCKET, SO_REUSEPORT, &nOne, sizeof(nOne));
+            sockaddr_in st_Addr{};
+            st_Addr.sin_family = AF_INET;
+            st_Addr.sin_port = htons(static_cast<uint16_t>(nPort));
+            if (bind(hListen, reinterpret_cast<sockaddr*>(&st_Addr), sizeof(st_Addr)) != 0 ||
+                listen(hListen, 128) != 0) {
+                close(hListen);
+                Stop();
+                return false;
+            }
+            m_stl_Threads.emplace_back(&MinimalEcho::Loop, this, hListen);
+        }
+        return true;
+    }
+    void Stop() override {
+        m_bRun = false;
+        for (auto& st_Thread : m_stl_Threads)
+            st_Thread.join();
+        m_stl_Threads.clear();
+    }
+    int Clients() override { return m_nClients.load(); }
+
+private:
+    void Loop(int hListen) {
+        int hEpoll = epoll_create1(0);
+        epoll_event st_Event{};
+        st_Event.events = EPOLLIN;
+        st_Event.data.fd = hListen;
+        epoll_ctl(hEpoll, EPOLL_CTL_ADD, hListen, &st_Event);
+        std::vector<epoll_event> stl_Events(1024);
+        char tszBuffer[8192];
+        while (m_bRun) {
+            int nCount = epoll_wait(hEpoll, stl_Events.data(), static_cast<int>(stl_Events.size()), 20);
+            for (int i = 0; i < nCount; i++) {
+                int hFd = stl_Events[i].data.fd;
+                if (hFd == hListen) {
+                    int hClient = accept4(hListen, nullptr, nullptr, SOCK_NONBLOCK);
+                    if (hClient < 0) continue;
+                    st_Event.events = EPOLLIN | EPOLLET;
+                    st_Event.data.fd = hClient;
+                    epoll_ctl(hEpoll, EPOLL_CTL_ADD, hClient, &st_Event);
+                    m_nClients++;
+                    continue;
+                }
+                for (;;) {
+                    ssize_t nRet = recv(hFd, tszBuffer, sizeof(tszBuffer), 0);
+                    if (nRet > 0) {
+                        WriteAll(hFd, tszBuffer, static_cast<size_t>(nRet));
+                        continue;
+                    }
+                    if (nRet < 0 && errno == EAGAIN) break;
+                    epoll_ctl(hEpoll, EPOLL_CTL_DEL, hFd, nullptr);
+                    close(hFd);
+                    m_nClients--;
+                    break;
+                }
+            }
+        }
+        close(hEpoll);
+        close(hListen);
+    }
+    static void WriteAll(int hFd, const char* lpszData, size_t nLen) {
+        while (nLen > 0) {
+            ssize_t nRet = send(hFd, lpszData, nLen, MSG_NOSIGNAL);
+            if (nRet > 0) {
+                lpszData += nRet;
+                nLen -= static_cast<size_t>(nRet);
+            } else if (nRet < 0 && errno == EAGAIN) {
+                pollfd st_Poll{hFd, POLLOUT, 0};
+                poll(&st_Poll, 1, 10);
+            } else {
+                return;
+            }
+        }
+    }
+    std::atomic<bool> m_bRun{false};
+    std::atomic<int> m_nClients{0};
+    std::vector<std::thread> m_stl_Threads;
+};
+
+// ----- the load generator ------------------------------------------------------------------------
+
+struct Connection {
+    int hSocket = -1;
+    long long nPending = 0;                   // bytes of echoes still owed
+    std::vector<Clock::time_point> stl_Sent;  // send time of each message in flight, oldest first
+    size_t nHead = 0;
+};
+
+struct Result {
+    double dMessages = 0;       // per second
+    double dMBytes = 0;         // per second, each way
+    double dP50 = 0, dP99 = 0;  // microseconds
+    bool bOk = false;
+};
+
+// Connects nConns clients (blocking connects, then non-blocking use). Closes with a reset so that
+// no TIME_WAIT state eats the ephemeral ports between runs.
+bool ConnectAll(int nPort, int nConns, std::vector<Connection>* pStl_Conns) {
+    sockaddr_in st_Addr{};
+    st_Addr.sin_family = AF_INET;
+    st_Addr.sin_port = htons(static_cast<uint16_t>(nPort));
+    st_Addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    pStl_Conns->resize(nConns);
+    for (int i = 0; i < nConns; i++) {
+        int hSocket = socket(AF_INET, SOCK_STREAM, 0);
+        if (hSocket < 0 || connect(hSocket, reinterpret_cast<sockaddr*>(&st_Addr), sizeof(st_Addr)) != 0) {
+            fprintf(stderr, "connect %d failed: %s\n", i, strerror(errno));
+            if (hSocket >= 0) close(hSocket);
+            pStl_Conns->resize(i);
+            return false;
+        }
+        int nOne = 1;
+        setsockopt(hSocket, IPPROTO_TCP, TCP_NODELAY, &nOne, sizeof(nOne));
+        linger st_Linger{1, 0};
+        setsockopt(hSocket, SOL_SOCKET, SO_LINGER, &st_Linger, sizeof(st_Linger));
+        fcntl(hSocket, F_SETFL, fcntl(hSocket, F_GETFL) | O_NONBLOCK);
+        (*pStl_Conns)[i].hSocket = hSocket;
+    }
+    return true;
+}
+
+void CloseAll(std::vector<Connection>* pStl_Conns) {
+    for (Connection& st_Conn : *pStl_Conns)
+        close(st_Conn.hSocket);
+    pStl_Conns->clear();
+}
+
+bool SendMessage(Connection& st_Conn, const std::string& strMessage) {
+    size_t nDone = 0;
+    while (nDone < strMessage.size()) {
+        ssize_t nRet = send(st_Conn.hSocket, strMessage.data() + nDone, strMessage.size() - nDone, MSG_NOSIGNAL);
+        if (nRet > 0) {
+            nDone += static_cast<size_t>(nRet);
+        } else if (nRet < 0 && errno == EAGAIN) {
+            pollfd st_Poll{st_Conn.hSocket, POLLOUT, 0};
+            poll(&st_Poll, 1, 10);
+        } else {
+            return false;
+        }
+    }
+    st_Conn.stl_Sent.push_back(Clock::now());
+    st_Conn.nPending += static_cast<long long>(strMessage.size());
+    return true;
+}
+
+// Drives the connections with nInflight messages each: warm-up, then the measured window.
+Result Drive(std::vector<Connection>& stl_Conns, int nSize, const Options& st_Options) {
+    std::string strMessage(static_cast<size_t>(nSize), 'b');
+    std::atomic<bool> bMeasure{false}, bStop{false};
+    int nClientThreads = 2;
+    std::vector<long long> stl_Counts(nClientThreads, 0);
+    std::vector<std::vector<uint32_t>> stl_Latencies(nClientThreads);
+    std::atomic<bool> bFailed{false};
+
+    auto fnClient = [&](int nIndex) {
+        int hEpoll = epoll_create1(0);
+        for (size_t i = nIndex; i < stl_Conns.size(); i += nClientThreads) {
+            epoll_event st_Event{};
+            st_Event.events = EPOLLIN | EPOLLET;
+            st_Event.data.u64 = i;
+            epoll_ctl(hEpoll, EPOLL_CTL_ADD, stl_Conns[i].hSocket, &st_Event);
+            for (int j = 0; j < st_Options.nInflight; j++)
+                SendMessage(stl_Conns[i], strMessage);
+        }
+        std::vector<epoll_event> stl_Events(1024);
+        char tszBuffer[65536];
+        while (!bStop) {
+            int nCount = epoll_wait(hEpoll, stl_Events.data(), static_cast<int>(stl_Events.size()), 10);
+            for (int k = 0; k < nCount; k++) {
+                Connection& st_Conn = stl_Conns[stl_Events[k].data.u64];
+                ssize_t nRet;
+                long long nGot = 0;
+                while ((nRet = recv(st_Conn.hSocket, tszBuffer, sizeof(tszBuffer), 0)) > 0)
+                    nGot += nRet;
+                if (nRet == 0 || (nRet < 0 && errno != EAGAIN)) {
+                    bFailed = true;
+                    continue;
+                }
+                // bytes echoed so far, minus what is owed for messages sent before
+                long long nDoneBefore = (st_Conn.nHead * nSize);
+                st_Conn.nPending -= nGot;
+                long long nEchoed = static_cast<long long>(st_Conn.stl_Sent.size()) * nSize - st_Conn.nPending;
+                size_t nComplete = static_cast<size_t>((nEchoed - nDoneBefore) / nSize);
+                auto nNow = Clock::now();
+                for (size_t m = 0; m < nComplete; m++) {
+                    if (bMeasure) {
+                        stl_Counts[nIndex]++;
+                        auto nMicros = std::chrono::duration_cast<std::chrono::microseconds>(
+                            nNow - st_Conn.stl_Sent[st_Conn.nHead]);
+                        stl_Latencies[nIndex].push_back(static_cast<uint32_t>(nMicros.count()));
+                    }
+                    st_Conn.nHead++;
+                    if (!bStop) SendMessage(st_Conn, strMessage);
+                }
+                // keep the timestamp list short
+                if (st_Conn.nHead > 1024) {
+                    st_Conn.stl_Sent.erase(st_Conn.stl_Sent.begin(), st_Conn.stl_Sent.begin() + st_Conn.nHead);
+                    st_Conn.nHead = 0;
+                }
+            }
+        }
+        close(hEpoll);
+    };
+
+    std::vector<std::thread> stl_Threads;
+    for (int i = 0; i < nClientThreads; i++)
+        stl_Threads.emplace_back(fnClient, i);
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    auto nStart = Clock::now();
+    bMeasure = true;
+    std::this_thread::sleep_for(std::chrono::duration<double>(st_Options.dSeconds));
+    bMeasure = false;
+    double dElapsed = std::chrono::duration<double>(Clock::now() - nStart).count();
+    bStop = true;
+    for (auto& st_Thread : stl_Threads)
+        st_Thread.join();
+
+    Result st_Result;
+    long long nTotal = 0;
+    std::vector<uint32_t> stl_All;
+    for (int i = 0; i < nClientThreads; i++) {
+        nTotal += stl_Counts[i];
+        stl_All.insert(stl_All.end(), stl_Latencies[i].begin(), stl_Latencies[i].end());
+    }
+    st_Result.dMessages = nTotal / dElapsed;
+    st_Result.dMBytes = nTotal * static_cast<double>(nSize) / dElapsed / 1e6;
+    if (!stl_All.empty()) {
+        std::sort(stl_All.begin(), stl_All.end());
+        st_Result.dP50 = stl_All[stl_All.size() / 2];
+        st_Result.dP99 = stl_All[std::min(stl_All.size() - 1, stl_All.size() * 99 / 100)];
+    }
+    st_Result.bOk = !bFailed && nTotal > 0;
+    return st_Result;
+}
+
+bool WaitClients(EchoServer& st_Server, int nCount) {
+    auto nDeadline = Clock::now() + std::chrono::seconds(20);
+    while (st_Server.Clients() != nCount) {
+        if (Clock::now() > nDeadline) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return true;
+}
+
+Result RunOnce(EchoServer& st_Server, int nConns, int nSize, const Options& st_Options) {
+    Result st_Result;
+    int nPort = 0;
+    bool bStarted = false;
+    for (int i = 0; i < 5 && !bStarted; i++)
+        bStarted = st_Server.Start(nPort = FreePort(), st_Options.nThreads);
+    if (!bStarted) return st_Result;
+    std::vector<Connection> stl_Conns;
+    if (ConnectAll(nPort, nConns, &stl_Conns) && WaitClients(st_Server, nConns)) {
+        st_Result = Drive(stl_Conns, nSize, st_Options);
+    }
+    CloseAll(&stl_Conns);
+    WaitClients(st_Server, 0);
+    st_Server.Stop();
+    return st_Result;
+}
+
+Result Median(std::vector<Result> stl_Results) {
+    auto fnMedian = [&](double Result::*pField) {
+        std::vector<double> stl_Values;
+        for (const Result& st_Result : stl_Results)
+            stl_Values.push_back(st_Result.*pField);
+        std::sort(stl_Values.begin(), stl_Values.end());
+        return stl_Values[stl_Values.size() / 2];
+    };
+    Result st_Median;
+    st_Median.dMessages = fnMedian(&Result::dMessages);
+    st_Median.dMBytes = fnMedian(&Result::dMBytes);
+    st_Median.dP50 = fnMedian(&Result::dP50);
+    st_Median.dP99 = fnMedian(&Result::dP99);
+    st_Median.bOk = std::all_of(stl_Results.begin(), stl_Results.end(), [](const Result& r) { return r.bOk; });
+    return st_Median;
+}
+
+size_t HeapInUse() {
+#if defined(__GLIBC__) && (__GLIBC__ > 2 || (__GLIBC__ == 2 && __GLIBC_MINOR__ >= 33))
+    return mallinfo2().uordblks;
+#else
+    return 0;
+#endif
+}
+
+// Heap bytes per idle connection held by the server (the load generator's sockets use none).
+void MeasureIdleMemory(EchoServer& st_Server, int nConns, const Options& st_Options) {
+    int nPort = 0;
+    bool bStarted = false;
+    for (int i = 0; i < 5 && !bStarted; i++)
+        bStarted = st_Server.Start(nPort = FreePort(), st_Options.nThreads);
+    if (!bStarted) return;
+    std::vector<Connection> stl_Conns;
+    stl_Conns.reserve(nConns);
+    size_t nBefore = HeapInUse();
+    if (ConnectAll(nPort, nConns, &stl_Conns) && WaitClients(st_Server, nConns)) {
+        size_t nAfter = HeapInUse();
+        // the load generator's own vector grew by nConns records; take it out
+        double dPerConn = (static_cast<double>(nAfter) - nBefore - nConns * sizeof(Connection)) / nConns;
+        printf("  %-18s %6d idle connections: %7.0f heap bytes each\n", st_Server.Name(), nConns, dPerConn);
+    }
+    CloseAll(&stl_Conns);
+    WaitClients(st_Server, 0);
+    st_Server.Stop();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    Options st_Options;
+    for (int i = 1; i + 1 < argc; i += 2) {
+        std::string strFlag = argv[i];
+        if (strFlag == "--seconds") st_Options.dSeconds = atof(argv[i + 1]);
+        if (strFlag == "--repeat") st_Options.nRepeat = std::max(1, atoi(argv[i + 1]));
+        if (strFlag == "--inflight") st_Options.nInflight = std::max(1, atoi(argv[i + 1]));
+        if (strFlag == "--threads") st_Options.nThreads = std::max(1, atoi(argv[i + 1]));
+        if (strFlag == "--conns") st_Options.stl_Conns = ParseList(argv[i + 1]);
+        if (strFlag == "--sizes") st_Options.stl_Sizes = ParseList(argv[i + 1]);
+    }
+    // the clients and the server's sockets live in this one process
+    rlimit st_Limit{};
+    getrlimit(RLIMIT_NOFILE, &st_Limit);
+    // a privileged run may raise the hard limit too; otherwise take what the hard limit allows
+    rlimit st_Wanted{65536, std::max<rlim_t>(65536, st_Limit.rlim_max)};
+    if (setrlimit(RLIMIT_NOFILE, &st_Wanted) != 0) {
+        st_Limit.rlim_cur = st_Limit.rlim_max;
+        setrlimit(RLIMIT_NOFILE, &st_Limit);
+    }
+    getrlimit(RLIMIT_NOFILE, &st_Limit);
+    int nMaxConns = static_cast<int>(std::min<rlim_t>(st_Limit.rlim_cur, 1 << 20) / 2) - 64;
+
+    NetCoreEcho st_NetCore;
+    MinimalEcho st_Minimal;
+    printf(
+        "echo benchmark on 127.0.0.1: %d server threads, 2 client threads, %d in flight per connection, "
+        "%.1f s x %d (median)\n",
+        st_Options.nThreads, st_Options.nInflight, st_Options.dSeconds, st_Options.nRepeat);
+    printf("%-7s %-6s %-18s %12s %9s %10s %10s   %s\n", "conns", "size", "server", "msgs/s", "MB/s", "p50 us", "p99 us",
+           "ratio to minimal (msgs/s, p50, p99)");
+    for (int nConns : st_Options.stl_Conns) {
+        if (nConns > nMaxConns) {
+            printf("%-7d skipped: needs %d descriptors, the limit allows %d connections\n", nConns, nConns * 2 + 64,
+                   nMaxConns);
+            continue;
+        }
+        for (int nSize : st_Options.stl_Sizes) {
+            std::vector<Result> stl_Mine, stl_Ref;
+            for (int r = 0; r < st_Options.nRepeat; r++) {
+                stl_Ref.push_back(RunOnce(st_Minimal, nConns, nSize, st_Options));
+                stl_Mine.push_back(RunOnce(st_NetCore, nConns, nSize, st_Options));
+            }
+            Result st_Ref = Median(stl_Ref), st_Mine = Median(stl_Mine);
+            for (auto* pPair : {&st_Ref, &st_Mine}) {
+                bool bMine = pPair == &st_Mine;
+                printf("%-7d %-6d %-18s %12.0f %9.2f %10.0f %10.0f", nConns, nSize,
+                       bMine ? st_NetCore.Name() : st_Minimal.Name(), pPair->dMessages, pPair->dMBytes, pPair->dP50,
+                       pPair->dP99);
+                if (bMine && st_Ref.dMessages > 0) {
+                    printf("   %.3f  %.3f  %.3f", pPair->dMessages / st_Ref.dMessages,
+                           st_Ref.dP50 > 0 ? pPair->dP50 / st_Ref.dP50 : 0,
+                           st_Ref.dP99 > 0 ? pPair->dP99 / st_Ref.dP99 : 0);
+                }
+                printf("%s\n", pPair->bOk ? "" : "   (errors)");
+            }
+        }
+    }
+    printf("memory per idle connection (heap in use, user space only)\n");
+    for (int nConns : {1000, 10000}) {
+        if (nConns > nMaxConns) continue;
+        MeasureIdleMemory(st_NetCore, nConns, st_Options);
+        MeasureIdleMemory(st_Minimal, nConns, st_Options);
+    }
+    return 0;
+}
