@@ -8,3 +8,4 @@
 #include "Globals.h"
 
 CNetCore_Socket m_Socket;
+CNetCore_SerialPort m_SerialPort;

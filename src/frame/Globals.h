@@ -2,6 +2,8 @@
 // in which they must be constructed.
 #pragma once
 
+#include "serial/NetCore_SerialPort.h"
 #include "socket/NetCore_Socket.h"
 
 extern CNetCore_Socket m_Socket;
+extern CNetCore_SerialPort m_SerialPort;
