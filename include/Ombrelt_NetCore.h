@@ -174,8 +174,10 @@ NETCORE_API bool NetCore_SerialPort_CloseDev(const char* lpszDevice);
  * path writes ERROR_NETCORE_SERIALPORT_SEND_NOTFOUND with the flag left false. */
 NETCORE_API bool NetCore_SerialPort_SendData(const char* lpszDevice, unsigned char* puszMsgBuffer, int nMsgLen);
 /* Reads at most *pInt_Len bytes of a device opened without callback, waiting up to 100 ms, and
- * stores the count in *pInt_Len. An unknown path or a device with a read thread returns TRUE with
- * NetCore_IsErrorOccur set (ERROR_NETCORE_SERIALPORT_RECV_NOTFOUND / _CALLMODE) and reads nothing. */
+ * stores what read() returned in *pInt_Len (-1 when the line failed, still with true). Nothing
+ * within 100 ms: ERROR_NETCORE_SERIALPORT_READ_TIMEOUT. An unknown path or a device with a read
+ * thread returns TRUE with NetCore_IsErrorOccur set (ERROR_NETCORE_SERIALPORT_RECV_NOTFOUND /
+ * _CALLMODE) and reads nothing. */
 NETCORE_API bool NetCore_SerialPort_RecvData(const char* lpszDevice, unsigned char* puszMsgBuffer, int* pInt_Len);
 /* Whether the path can be opened for reading and writing now (not whether this library holds it) */
 NETCORE_API bool NetCore_SerialPort_IsOpenDev(const char* lpszDevice);
