@@ -73,6 +73,7 @@ bool CNetCore_SerialPort::NetCore_SerialPort_OpenDev(const char* lpszDevice, uns
     // A descriptor of -1 (the path cannot be opened) is not tested here: tcgetattr on it fails
     // in SetSpeed, which is the code callers get for a missing device.
     UniqueFd hDevice(open(lpszDevice, O_RDWR | O_NOCTTY | O_NONBLOCK));
+    // descriptor 0 is refused (records use 0 for "no descriptor"); it is closed again, not kept
     if (hDevice.Get() == 0) return Fail(ERROR_NETCORE_SERIALPORT_OPEN_DEVICE);
 
     if (!NetCore_SerialPort_SetSpeed(hDevice.Get(), static_cast<int>(nSpeed))) return false;
