@@ -704,6 +704,74 @@ NETCORE_API bool NetCore_TCPXCore_GetLimitEx(void* xhNet, const char* lpszClient
 /* bRecv false stops reading the client (its socket leaves the epoll set); true resumes it. */
 NETCORE_API bool NetCore_TCPXCore_PasueRecvEx(void* xhNet, const char* lpszClientAddr, bool bRecv);
 
+/* ------------------------------------------------------------------------------------------------
+ * Serial port (NetCore_SerialPort_*)
+ *
+ * Serial (tty) devices by path, several at once. A device opened with a receive callback gets a
+ * read thread that hands every arrival (up to 2048 bytes at a time) to the callback; a device
+ * opened without one is read by NetCore_SerialPort_RecvData. The read thread runs the same read
+ * operation as RecvData and so also writes the error globals (a time-out every 100 ms while the
+ * line is idle).
+ * --------------------------------------------------------------------------------------------- */
+
+#define ERROR_NETCORE_SERIALPORT_OPEN_MALLOC 0x020A3001
+#define ERROR_NETCORE_SERIALPORT_OPEN_DEVICE 0x020A3002
+#define ERROR_NETCORE_SERIALPORT_OPEN_THREAD 0x020A3005
+#define ERROR_NETCORE_SERIALPORT_SEND_NOTFOUND 0x020A3010 /* written with NetCore_IsErrorOccur left false */
+#define ERROR_NETCORE_SERIALPORT_SEND_TIMEOUT 0x020A3011
+#define ERROR_NETCORE_SERIALPORT_SEND_FAILED 0x020A3012
+#define ERROR_NETCORE_SERIALPORT_SEND_LEN 0x020A3017
+#define ERROR_NETCORE_SERIALPORT_RECV_NOTFOUND 0x020A3021 /* RecvData still returns true */
+#define ERROR_NETCORE_SERIALPORT_RECV_CALLMODE 0x020A3022 /* RecvData still returns true */
+#define ERROR_NETCORE_SERIALPORT_READ_TIMEOUT 0x020A3030
+#define ERROR_NETCORE_SERIALPORT_READ_NODATA 0x020A3031
+#define ERROR_NETCORE_SERIALPORT_SPEED_GETATTR 0x020A3101 /* written with NetCore_IsErrorOccur left false */
+#define ERROR_NETCORE_SERIALPORT_SPEED_SETATTR 0x020A3102
+#define ERROR_NETCORE_SERIALPORT_SPEED_FLUSH 0x020A3103 /* written with NetCore_IsErrorOccur left false */
+#define ERROR_NETCORE_SERIALPORT_PARITY_GETATTR 0x020A3110
+#define ERROR_NETCORE_SERIALPORT_PARITY_DATABITS 0x020A3111
+#define ERROR_NETCORE_SERIALPORT_PARITY_PARITY 0x020A3112
+#define ERROR_NETCORE_SERIALPORT_PARITY_STOPBITS 0x020A3113
+#define ERROR_NETCORE_SERIALPORT_PARITY_SETATTR 0x020A3114
+
+/* the cParity argument of NetCore_SerialPort_OpenDev */
+#define NETCORE_SERIALPORT_PARITY_NONE 0xA1
+#define NETCORE_SERIALPORT_PARITY_ODD 0xA2
+#define NETCORE_SERIALPORT_PARITY_EVEN 0xA3
+
+/* Called on the device's read thread with the device path, its descriptor, the bytes read and
+ * their count. The count is what read() returned, so it is -1 when the line fails (a device
+ * that went away); the bytes are only valid during the call. The callback must not close its
+ * own device. */
+typedef void (*CALLBACK_NETCORE_SERIALPORT_RECV)(const char* lpszDevice, int hDevice, const char* lpszMsg, int nLen,
+                                                 void* lParam);
+
+/* Opens lpszDevice non-blocking and in raw mode: nSpeed in bits per second (standard rates from
+ * 50 to 230400; any other rate is accepted and leaves the line's speed as it was), parity code
+ * cParity, nStopBits 1 or 2, nDataBits 5 to 8; reads return at once (VMIN 0). With fpCall_Recv
+ * a read thread delivers the data; without, read it with RecvData.
+ * A path that cannot be opened fails with ERROR_NETCORE_SERIALPORT_SPEED_GETATTR and
+ * NetCore_IsErrorOccur left false. Opening a path that is already open configures the line
+ * again with the new settings and returns true; the first opening (its descriptor, mode and
+ * callback) stays in use. */
+NETCORE_API bool NetCore_SerialPort_OpenDev(const char* lpszDevice, unsigned int nSpeed, unsigned char cParity,
+                                            unsigned int nStopBits, unsigned int nDataBits,
+                                            CALLBACK_NETCORE_SERIALPORT_RECV fpCall_Recv, void* lParam);
+/* Stops the read thread, closes the device and forgets it; always true (also for an unknown path) */
+NETCORE_API bool NetCore_SerialPort_CloseDev(const char* lpszDevice);
+/* Writes nMsgLen bytes, waiting up to 100 ms for the line to accept them. ALWAYS returns false:
+ * the write succeeded when NetCore_IsErrorOccur is false and no new code was written. An unknown
+ * path writes ERROR_NETCORE_SERIALPORT_SEND_NOTFOUND with the flag left false. */
+NETCORE_API bool NetCore_SerialPort_SendData(const char* lpszDevice, unsigned char* puszMsgBuffer, int nMsgLen);
+/* Reads at most *pInt_Len bytes of a device opened without callback, waiting up to 100 ms, and
+ * stores what read() returned in *pInt_Len (-1 when the line failed, still with true). Nothing
+ * within 100 ms: ERROR_NETCORE_SERIALPORT_READ_TIMEOUT. An unknown path or a device with a read
+ * thread returns TRUE with NetCore_IsErrorOccur set (ERROR_NETCORE_SERIALPORT_RECV_NOTFOUND /
+ * _CALLMODE) and reads nothing. */
+NETCORE_API bool NetCore_SerialPort_RecvData(const char* lpszDevice, unsigned char* puszMsgBuffer, int* pInt_Len);
+/* Whether the path can be opened for reading and writing now (not whether this library holds it) */
+NETCORE_API bool NetCore_SerialPort_IsOpenDev(const char* lpszDevice);
+
 #ifdef __cplusplus
 }
 #endif

@@ -11,3 +11,4 @@ void DemoUDPXCore();
 void DemoLocal();
 void DemoTCPServers();
 void DemoTCPXCore();
+void DemoSerial();

@@ -28,6 +28,7 @@ int main() {
     DemoLocal();
     DemoTCPServers();
     DemoTCPXCore();
+    DemoSerial();
     printf("%s\n", g_nFailures == 0 ? "demo finished: all steps ok" : "demo finished with failures");
     return g_nFailures == 0 ? 0 : 1;
 }

@@ -12,6 +12,7 @@ CNetCore_PIPAnonymous m_PIPAnonymous;
 CNetCore_PIPMMap m_PIPMMap;
 CNetCore_PIPNamed m_PIPNamed;
 CNetCore_UnixDomain m_UnixDomain;
+CNetCore_SerialPort m_SerialPort;
 CNetCore_TCPSelect m_TCPSelect;
 CNetCore_TCPXPoll m_TCPXPoll;
 CNetCore_TCPXCoreEx m_TCPXCore;

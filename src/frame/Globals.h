@@ -8,6 +8,7 @@
 #include "local/NetCore_PIPMMap.h"
 #include "local/NetCore_PIPNamed.h"
 #include "local/NetCore_UnixDomain.h"
+#include "serial/NetCore_SerialPort.h"
 #include "socket/NetCore_Socket.h"
 #include "tcpserver/NetCore_TCPSelect.h"
 #include "tcpserver/NetCore_TCPXPoll.h"
@@ -19,6 +20,7 @@ extern CNetCore_PIPAnonymous m_PIPAnonymous;
 extern CNetCore_PIPMMap m_PIPMMap;
 extern CNetCore_PIPNamed m_PIPNamed;
 extern CNetCore_UnixDomain m_UnixDomain;
+extern CNetCore_SerialPort m_SerialPort;
 extern CNetCore_TCPSelect m_TCPSelect;
 extern CNetCore_TCPXPoll m_TCPXPoll;
 extern CNetCore_TCPXCoreEx m_TCPXCore;
