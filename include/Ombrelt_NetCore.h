@@ -523,10 +523,13 @@ NETCORE_API bool NetCore_TCPSelect_ReadIOEvent(char* lpszClientAddr, char* lpszM
  * UDP epoll server (NetCore_UDPXCore_*Ex)
  *
  * One bound UDP socket served by a number of receive threads, each with its own epoll instance.
- * Every datagram (cut to 2048 bytes) reaches the receive callback with the sender as "%s:%d"
- * (IPv6 addresses unbracketed) and the server's bound socket; a (null, -1) call reports a receive
- * error. Register the callback before traffic arrives: datagrams that come earlier are dropped.
- * The codes share their family byte with the socket utilities: tell them apart by the call.
+ * Every datagram reaches the receive callback, on a receive thread, with the sender's address as
+ * "%s:%d" text (IPv6 addresses unbracketed); replies go out by such a text. Datagrams longer than
+ * 2048 bytes are cut to 2048. Several servers may run at once: StartEx hands out a handle that
+ * every other call takes first; only a null handle is detected.
+ *
+ * Some codes share their values with the socket utilities: a caller tells them apart by the
+ * function it just called.
  * --------------------------------------------------------------------------------------------- */
 
 #define ERROR_NETCORE_UDPXCORE_CREATE_MALLOC 0x020A4501
@@ -542,30 +545,39 @@ NETCORE_API bool NetCore_TCPSelect_ReadIOEvent(char* lpszClientAddr, char* lpszM
 #define ERROR_NETCORE_UDPXCORE_STARTEX_MALLOC 0x020A45A0
 #define ERROR_NETCORE_UDPXCORE_HANDLE_NULL 0x020A45A1
 
-/* receive callback: (sender "%s:%d", bound socket, datagram or null, length or -1, lParam) */
+/* Receive callback: sender address text, the server's bound socket, the datagram and its length,
+ * and the registered context. A null datagram with length -1 reports a receive error. */
 typedef void (*CALLBACK_NETCORE_UDPXCORE_RECV)(const char* lpszClientAddr, int hSocket, const char* lpszMsgBuffer,
-                                              int nMsgLen, void* lParam);
+                                               int nMsgLen, void* lParam);
 
-/* Binds nPort (all addresses, address reuse) and starts nThread receive threads (0 or less: one
- * per hardware thread). nTimeFlow is the flow interval in seconds. Null on failure. */
+/* Binds a UDP socket to nPort on every address (nIPVer 2: IPv4, else IPv6, which also takes IPv4
+ * peers as "::ffff:a.b.c.d") and starts nThread receive threads (0 or less: one per hardware
+ * thread). nTimeFlow is the flow interval in seconds. Null on failure; the code of the failing
+ * step stands (a busy port gives ERROR_NETCORE_SOCKET_BIND_BIND). Register the callback before
+ * traffic arrives: datagrams received without one are counted and dropped. */
 NETCORE_API void* NetCore_UDPXCore_StartEx(int nPort, int nThread, int nTimeFlow, int nIPVer);
-NETCORE_API bool NetCore_UDPXCore_GetSocketEx(void* xhToken, int* phSocket);
-/* Stops the threads and frees the server; bClearFlow only matters to direct users of the class. */
+/* Stops the threads and closes the socket; bClearFlow also zeroes every total and time. The handle
+ * is invalid afterwards. May be called from the server's own receive callback. */
 NETCORE_API bool NetCore_UDPXCore_DestroyEx(void* xhToken, bool bClearFlow);
-/* Sends one datagram to "address:port" (split at the last colon, so "::1:5000" works; at most 63
- * characters are read). Counted only when the send succeeds. */
+/* The bound socket. */
+NETCORE_API bool NetCore_UDPXCore_GetSocketEx(void* xhToken, int* phSocket);
+/* Sends one datagram to an "address:port" text (IPv4, or unbracketed IPv6 split at its last
+ * colon), retrying up to 3 seconds while the socket would block. Counted only when sent. The
+ * socket utilities' send codes stand on failure. On an IPv6 server the datagram leaves with an
+ * IPv4 family field, which Linux delivers over IPv4 to the port on the local host: a peer on this
+ * host receives it on a dual-stack (IPv6 wildcard) or IPv4 socket. */
 NETCORE_API bool NetCore_UDPXCore_SendEx(void* xhToken, const char* lpszClientAddr, const char* lpszMsgBuffer,
                                          int nMsgLen);
 /* Totals since start; the packet outputs may be null. */
 NETCORE_API bool NetCore_UDPXCore_GetFlowEx(void* xhToken, unsigned long long* pInt_SendBytes,
                                             unsigned long long* pInt_RecvBytes, unsigned long long* pInt_SendPackets,
                                             unsigned long long* pInt_RecvPackets);
-/* Ticks (milliseconds) of the last received datagram and of the last successful send. */
+/* Millisecond ticks of the last received datagram and the last successful send. */
 NETCORE_API bool NetCore_UDPXCore_GetTimeEx(void* xhToken, unsigned long long* pInt_TimeRecv,
                                             unsigned long long* pInt_TimeSend);
-/* bWhole: totals divided by (milliseconds since start x 1000). Otherwise each total less the
- * total at the last interval close divided by the interval; the third output starts from the
- * received packet total, as it always has. */
+/* bWhole: each total divided by (milliseconds since start x 1000). Otherwise each total minus
+ * (its snapshot at the last interval close / nTimeFlow), in the order send bytes, receive bytes,
+ * send packets, receive packets; the third output starts from the receive packet total. */
 NETCORE_API bool NetCore_UDPXCore_GetAverageFlowEx(void* xhToken, unsigned long long* pInt_SendBytes,
                                                    unsigned long long* pInt_RecvBytes,
                                                    unsigned long long* pInt_SendPackets,

@@ -1,64 +1,68 @@
-// Demo section: the UDP epoll server echoing a burst of datagrams from a loopback client.
+// Demo section: the UDP epoll server, answering datagrams by their sender's address text.
 #include <arpa/inet.h>
 #include <netinet/in.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <chrono>
+#include <atomic>
 #include <cstdio>
-#include <string>
+#include <cstring>
 
 #include "Demo.h"
 #include "Ombrelt_NetCore.h"
 
 namespace {
 
-void OnDatagram(const char* lpszClientAddr, int, const char* lpszMsgBuffer, int nMsgLen, void* lParam) {
-    if (lpszMsgBuffer != nullptr) NetCore_UDPXCore_SendEx(lParam, lpszClientAddr, lpszMsgBuffer, nMsgLen);
+struct EchoContext {
+    void* xhServer = nullptr;
+    std::atomic<int> nReceived{0};
+};
+
+void OnDatagram(const char* lpszClientAddr, int hSocket, const char* lpszMsgBuffer, int nMsgLen, void* lParam) {
+    (void)hSocket;
+    EchoContext* pSt_Context = static_cast<EchoContext*>(lParam);
+    if (nMsgLen <= 0) return;
+    pSt_Context->nReceived++;
+    printf("  server got %d bytes from %s, echoing\n", nMsgLen, lpszClientAddr);
+    NetCore_UDPXCore_SendEx(pSt_Context->xhServer, lpszClientAddr, lpszMsgBuffer, nMsgLen);
 }
 
 }  // namespace
 
 void DemoUDPXCore() {
-    printf("UDP epoll server on 127.0.0.1 (4 receive threads)\n");
-    void* xhToken = NetCore_UDPXCore_StartEx(0, 4, 1, AF_INET);
-    Report("start the server on a free port", xhToken != nullptr);
-    if (xhToken == nullptr) return;
-    Report("register the echo callback", NetCore_UDPXCore_RegisterCallBackEx(xhToken, OnDatagram, xhToken));
-    int hServer = -1;
-    NetCore_UDPXCore_GetSocketEx(xhToken, &hServer);
-    sockaddr_in st_Addr{};
+    printf("UDP epoll server on 127.0.0.1\n");
+    EchoContext st_Context;
+    st_Context.xhServer = NetCore_UDPXCore_StartEx(0, 2, 10, AF_INET);
+    Report("start a server with 2 receive threads", st_Context.xhServer != nullptr);
+    if (st_Context.xhServer == nullptr) return;
+    Report("register the receive callback",
+           NetCore_UDPXCore_RegisterCallBackEx(st_Context.xhServer, &OnDatagram, &st_Context));
+    int hSocket = -1;
+    NetCore_UDPXCore_GetSocketEx(st_Context.xhServer, &hSocket);
+    struct sockaddr_in st_Addr {};
     socklen_t nLen = sizeof(st_Addr);
-    getsockname(hServer, reinterpret_cast<sockaddr*>(&st_Addr), &nLen);
+    getsockname(hSocket, reinterpret_cast<sockaddr*>(&st_Addr), &nLen);
     st_Addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    printf("  serving port %d\n", ntohs(st_Addr.sin_port));
 
     int hClient = socket(AF_INET, SOCK_DGRAM, 0);
-    connect(hClient, reinterpret_cast<sockaddr*>(&st_Addr), sizeof(st_Addr));
-    constexpr int kDatagrams = 5000;
-    int nEchoes = 0;
-    char tszBuffer[2048];
-    pollfd st_Poll{hClient, POLLIN, 0};
-    auto st_Start = std::chrono::steady_clock::now();
-    for (int i = 0; i < kDatagrams; i++) {
-        std::string st_Message = "datagram " + std::to_string(i);
-        send(hClient, st_Message.data(), st_Message.size(), 0);
-        // a window of 16 keeps loopback buffers from overflowing
-        while (i - nEchoes >= 16 && poll(&st_Poll, 1, 200) == 1) {
-            if (recv(hClient, tszBuffer, sizeof(tszBuffer), 0) > 0) nEchoes++;
-        }
-    }
-    while (nEchoes < kDatagrams && poll(&st_Poll, 1, 200) == 1) {
-        if (recv(hClient, tszBuffer, sizeof(tszBuffer), 0) > 0) nEchoes++;
-    }
-    double dSeconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - st_Start).count();
-    close(hClient);
-    printf("  %d of %d datagrams echoed in %.2f s (%.0f round trips/s)\n", nEchoes, kDatagrams, dSeconds,
-           nEchoes / dSeconds);
-    Report("every datagram came back", nEchoes == kDatagrams);
+    struct timeval st_Wait {
+        2, 0
+    };
+    setsockopt(hClient, SOL_SOCKET, SO_RCVTIMEO, &st_Wait, sizeof(st_Wait));
+    const char* lpszHello = "datagram to the server";
+    sendto(hClient, lpszHello, strlen(lpszHello), 0, reinterpret_cast<sockaddr*>(&st_Addr), sizeof(st_Addr));
+    char tszReply[64] = {};
+    ssize_t nRet = recv(hClient, tszReply, sizeof(tszReply) - 1, 0);
+    Report("the client receives the echo", nRet > 0 && strcmp(tszReply, lpszHello) == 0);
+
     unsigned long long nSendBytes = 0, nRecvBytes = 0, nSendPackets = 0, nRecvPackets = 0;
-    NetCore_UDPXCore_GetFlowEx(xhToken, &nSendBytes, &nRecvBytes, &nSendPackets, &nRecvPackets);
-    printf("  server flow: received %llu datagrams / %llu bytes, sent %llu / %llu bytes\n", nRecvPackets, nRecvBytes,
-           nSendPackets, nSendBytes);
-    Report("stop the server", NetCore_UDPXCore_DestroyEx(xhToken, true));
+    Report("read the flow totals",
+           NetCore_UDPXCore_GetFlowEx(st_Context.xhServer, &nSendBytes, &nRecvBytes, &nSendPackets, &nRecvPackets));
+    printf("  received %llu datagram(s) / %llu bytes, sent %llu / %llu bytes\n", nRecvPackets, nRecvBytes, nSendPackets,
+           nSendBytes);
+    bool bOk = NetCore_UDPXCore_GetTimeEx(nullptr, &nRecvBytes, &nSendBytes);
+    printf("  a null handle: %s, code 0x%08llX\n", bOk ? "true" : "false", NetCore_GetLastError(nullptr));
+    Report("destroy the server", NetCore_UDPXCore_DestroyEx(st_Context.xhServer, true));
+    close(hClient);
 }

@@ -6,11 +6,11 @@ extern "C" {
 void* NetCore_UDPXCore_StartEx(int nPort, int nThread, int nTimeFlow, int nIPVer) {
     return m_UDPXCore.NetCore_UDPXCore_StartEx(nPort, nThread, nTimeFlow, nIPVer);
 }
-bool NetCore_UDPXCore_GetSocketEx(void* xhToken, int* phSocket) {
-    return m_UDPXCore.NetCore_UDPXCore_GetSocketEx(xhToken, phSocket);
-}
 bool NetCore_UDPXCore_DestroyEx(void* xhToken, bool bClearFlow) {
     return m_UDPXCore.NetCore_UDPXCore_DestroyEx(xhToken, bClearFlow);
+}
+bool NetCore_UDPXCore_GetSocketEx(void* xhToken, int* phSocket) {
+    return m_UDPXCore.NetCore_UDPXCore_GetSocketEx(xhToken, phSocket);
 }
 bool NetCore_UDPXCore_SendEx(void* xhToken, const char* lpszClientAddr, const char* lpszMsgBuffer, int nMsgLen) {
     return m_UDPXCore.NetCore_UDPXCore_SendEx(xhToken, lpszClientAddr, lpszMsgBuffer, nMsgLen);

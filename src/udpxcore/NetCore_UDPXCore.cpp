@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "Ombrelt_BaseLib.h"
+#include "Ombrelt_ManagePool.h"
 #include "frame/Error.h"
 
 using netcore::ClearError;
@@ -19,23 +20,27 @@ using netcore::Fail;
 
 namespace {
 
-constexpr int kDatagramSize = 2048;
-constexpr int kEpollEvents = 1024;
-constexpr auto kRelaxed = std::memory_order_relaxed;
+constexpr int kMaxEvents = 1024;
+constexpr int kEpollSize = 1024;
+// Longer datagrams are cut to this length, as callers have always received them.
+constexpr int kRecvBufferSize = 2048;
+constexpr int kAddrTextSize = 128;
+constexpr int kRecvBatch = 16;
+constexpr int kSendAddrSize = 64;
+constexpr int kSendTimeOut = 3;
 
-// Closes an interval once it has lasted longer than nTimeFlow seconds: the totals as they stand
-// become the snapshot the averages are measured against.
-void CloseInterval(unsigned long long nTimeNow, long long nTimeFlow, std::atomic<unsigned long long>& nIntervalStart,
-                   const std::atomic<unsigned long long>& nPackets, const std::atomic<unsigned long long>& nBytes,
-                   std::atomic<unsigned long long>& nSnapPackets, std::atomic<unsigned long long>& nSnapBytes) {
-    if (nTimeNow - nIntervalStart.load(kRelaxed) <= static_cast<unsigned long long>(nTimeFlow * 1000)) return;
-    nIntervalStart.store(nTimeNow, kRelaxed);
-    nSnapPackets.store(nPackets.load(kRelaxed), kRelaxed);
-    nSnapBytes.store(nBytes.load(kRelaxed), kRelaxed);
+// The run flag of the start whose receive thread is the current thread. The drain loop reads it
+// after each callback: a callback may have destroyed the server, and then nothing of the server
+// may be touched again.
+thread_local const std::atomic<bool>* t_pbIsRun = nullptr;
+
+unsigned long long TickNow() {
+    return BaseLib_OperatorTime_GetTickCount64();
 }
 
-unsigned long long Quotient(unsigned long long nValue, unsigned long long nDivisor) {
-    return nDivisor == 0 ? 0 : nValue / nDivisor;
+void CloseFd(int& hFd) {
+    if (hFd >= 0) close(hFd);
+    hFd = -1;
 }
 
 }  // namespace
@@ -43,168 +48,247 @@ unsigned long long Quotient(unsigned long long nValue, unsigned long long nDivis
 CNetCore_UDPXCore::CNetCore_UDPXCore() = default;
 
 CNetCore_UDPXCore::~CNetCore_UDPXCore() {
-    // a server still running at its end is stopped, so no thread outlives it
-    if (xhPool != nullptr || hSocket >= 0) NetCore_UDPXCore_Destroy(false);
+    ReleaseRun();
 }
 
 bool CNetCore_UDPXCore::NetCore_UDPXCore_Start(int nPort, int nThread, int nTimeFlow, int nIPVer) {
     ClearError();
-    bIsRun = true;
-    nThreadCount = nThread > 0 ? nThread : static_cast<int>(std::thread::hardware_concurrency());
-    if (nThreadCount < 1) nThreadCount = 1;
+    // A running server keeps its threads and socket: starting it again would orphan them.
+    if (xhPool != nullptr) return true;
+
+    bIsRun = std::make_shared<std::atomic<bool>>(true);
+    int nCount = nThread > 0 ? nThread : static_cast<int>(std::thread::hardware_concurrency());
+    // hardware_concurrency may answer 0 when it cannot tell; one thread still serves the socket
+    if (nCount < 1) nCount = 1;
+    nThreadCount = nCount;
     if (!BaseLib_OperatorMemory_Malloc(reinterpret_cast<void***>(&ppSt_ListPool), nThreadCount,
                                        sizeof(THREADPOOL_PARAMENT))) {
+        ReleaseRun();
         return Fail(ERROR_NETCORE_UDPXCORE_CREATE_MALLOC);
     }
     this->nIPVer = nIPVer;
-    this->nTimeFlow.store(nTimeFlow, kRelaxed);
-    nTimeStart.store(BaseLib_OperatorTime_GetTickCount64(), kRelaxed);
+    this->nTimeFlow.store(nTimeFlow, std::memory_order_relaxed);
+    nTimeStart.store(TickNow(), std::memory_order_relaxed);
 
-    std::list<THREADPOOL_PARAMENT*> stl_ListParam;
+    std::list<THREADPOOL_PARAMENT> stl_ListParam;
+    // A failed start releases what it made (its code stands), so a server that is never
+    // destroyed holds no socket or descriptor.
     if (!NetCore_UDPXCore_Create(nPort, nThreadCount, &stl_ListParam)) {
-        for (THREADPOOL_PARAMENT* pSt_Param : stl_ListParam)
-            delete pSt_Param;
+        ReleaseRun();
         return false;
     }
     int i = 0;
-    for (THREADPOOL_PARAMENT* pSt_Param : stl_ListParam) {
-        *ppSt_ListPool[i++] = *pSt_Param;
-        delete pSt_Param;
+    for (const THREADPOOL_PARAMENT& st_Task : stl_ListParam) {
+        *ppSt_ListPool[i++] = st_Task;
     }
     xhPool = ManagePool_Thread_NQCreate(&ppSt_ListPool, nThreadCount);
-    if (xhPool == nullptr) return Fail(ManagePool_GetLastError(nullptr));
+    if (xhPool == nullptr) {
+        unsigned long long nPoolError = ManagePool_GetLastError(nullptr);
+        ReleaseRun();
+        return Fail(nPoolError);
+    }
     return true;
 }
 
 bool CNetCore_UDPXCore::NetCore_UDPXCore_Create(int nPort, int nThread,
-                                                std::list<THREADPOOL_PARAMENT*>* pStl_ListParam) {
+                                                std::list<THREADPOOL_PARAMENT>* pStl_ListParam) {
     int hNewSocket = -1;
-    if (!m_Socket.NetCore_Socket_Create(&hNewSocket, false, nIPVer)) return false;
-    hSocket = hNewSocket;
-    if (!m_Socket.NetCore_Socket_SetReAddr(hSocket)) return false;
-    if (!m_Socket.NetCore_Socket_SetNoneBlock(hSocket, true)) return false;
-    if (!m_Socket.NetCore_Socket_Bind(hSocket, nPort, false, nIPVer)) return false;
+    if (!st_Socket.NetCore_Socket_Create(&hNewSocket, false, nIPVer)) return false;
+    hSocket.store(hNewSocket, std::memory_order_relaxed);
+    if (!st_Socket.NetCore_Socket_SetReAddr(hNewSocket)) return false;
+    if (!st_Socket.NetCore_Socket_SetNoneBlock(hNewSocket, true)) return false;
+    if (!st_Socket.NetCore_Socket_Bind(hNewSocket, nPort, false, nIPVer)) return false;
 
     for (int i = 0; i < nThread; i++) {
-        auto pSt_Events = std::unique_ptr<NETCORE_UDPEPOLL_EVENTS>(new (std::nothrow) NETCORE_UDPEPOLL_EVENTS());
-        if (!pSt_Events) return Fail(ERROR_NETCORE_UDPXCORE_CREATE_MALLOC);
+        NETCORE_UDPEPOLL_EVENTS* pSt_Events = new (std::nothrow) NETCORE_UDPEPOLL_EVENTS();
+        if (pSt_Events == nullptr) return Fail(ERROR_NETCORE_UDPXCORE_CREATE_MALLOC);
+        // listed at once, so that a failure below still finds it when the start is undone
+        stl_ListEvents.emplace_back(pSt_Events);
         pSt_Events->hPipe[0] = pSt_Events->hPipe[1] = -1;
-        pSt_Events->hEpoll = epoll_create(kEpollEvents);
+        pSt_Events->pbIsRun = bIsRun;
+
+        pSt_Events->hEpoll = epoll_create(kEpollSize);
         if (pSt_Events->hEpoll == -1) return Fail(ERROR_NETCORE_UDPXCORE_CREATE_EPOLL);
         pSt_Events->pClass_UDPXCore = this;
-        // kept in the list from here on, so that Destroy releases what a later failure leaves
-        NETCORE_UDPEPOLL_EVENTS* pSt_Record = pSt_Events.get();
-        stl_ListEvents.push_back(std::move(pSt_Events));
 
-        pSt_Record->st_Event.events = EPOLLIN | EPOLLET;
-        pSt_Record->st_Event.data.fd = hSocket;
-        if (epoll_ctl(pSt_Record->hEpoll, EPOLL_CTL_ADD, hSocket, &pSt_Record->st_Event) == -1) {
-            return Fail(ERROR_NETCORE_UDPXCORE_CREATE_CTLSOCKET);
+        // Every thread's epoll instance holds the same socket. Exclusive wake-up hands each arrival
+        // to one waiting thread instead of waking them all to race for one datagram; a busy thread
+        // still finds the socket ready when it comes back. Kernels without it refuse the flag.
+        pSt_Events->st_Event.events = EPOLLIN | EPOLLET | EPOLLEXCLUSIVE;
+        pSt_Events->st_Event.data.fd = hNewSocket;
+        int nRet = epoll_ctl(pSt_Events->hEpoll, EPOLL_CTL_ADD, hNewSocket, &pSt_Events->st_Event);
+        if (nRet == -1 && errno == EINVAL) {
+            pSt_Events->st_Event.events = EPOLLIN | EPOLLET;
+            nRet = epoll_ctl(pSt_Events->hEpoll, EPOLL_CTL_ADD, hNewSocket, &pSt_Events->st_Event);
         }
-        if (pipe(pSt_Record->hPipe) == -1) {
-            pSt_Record->hPipe[0] = pSt_Record->hPipe[1] = -1;
+        if (nRet == -1) return Fail(ERROR_NETCORE_UDPXCORE_CREATE_CTLSOCKET);
+        if (pipe(pSt_Events->hPipe) == -1) {
+            pSt_Events->hPipe[0] = pSt_Events->hPipe[1] = -1;
             return Fail(ERROR_NETCORE_UDPXCORE_CREATE_PIPE);
         }
-        pSt_Record->st_Event.events = EPOLLIN;
-        pSt_Record->st_Event.data.fd = pSt_Record->hPipe[0];
-        if (epoll_ctl(pSt_Record->hEpoll, EPOLL_CTL_ADD, pSt_Record->hPipe[0], &pSt_Record->st_Event) == -1) {
+        pSt_Events->st_Event.events = EPOLLIN;
+        pSt_Events->st_Event.data.fd = pSt_Events->hPipe[0];
+        if (epoll_ctl(pSt_Events->hEpoll, EPOLL_CTL_ADD, pSt_Events->hPipe[0], &pSt_Events->st_Event) == -1) {
             return Fail(ERROR_NETCORE_UDPXCORE_CREATE_CTLPIPE);
         }
-        pStl_ListParam->push_back(new THREADPOOL_PARAMENT{pSt_Record, NetCore_UDPXCore_ThreadAccept});
+        THREADPOOL_PARAMENT st_Task{};
+        st_Task.lParam = pSt_Events;
+        st_Task.fpCall_ThreadsTask = &CNetCore_UDPXCore::NetCore_UDPXCore_ThreadAccept;
+        pStl_ListParam->push_back(st_Task);
     }
     return true;
 }
 
 void* CNetCore_UDPXCore::NetCore_UDPXCore_ThreadAccept(void* lParam) {
-    auto* pSt_Events = static_cast<NETCORE_UDPEPOLL_EVENTS*>(lParam);
-    CNetCore_UDPXCore* pClass_This = pSt_Events->pClass_UDPXCore;
-    while (pClass_This->bIsRun) {
-        int nCount = epoll_wait(pSt_Events->hEpoll, pSt_Events->st_Events, kEpollEvents, -1);
-        if (nCount == -1) continue;
-        for (int i = 0; i < nCount; i++) {
-            const epoll_event& st_Event = pSt_Events->st_Events[i];
-            if (st_Event.data.fd == pClass_This->hSocket || (st_Event.events & EPOLLIN)) {
-                pClass_This->NetCore_UDPXCore_Recv(st_Event.data.fd, nullptr, 0);
+    NETCORE_UDPEPOLL_EVENTS* pSt_Events = static_cast<NETCORE_UDPEPOLL_EVENTS*>(lParam);
+    // Our own reference: the flag outlives the server if a callback destroys it. Once the flag
+    // is clear, neither the record nor the server is touched again.
+    std::shared_ptr<std::atomic<bool>> pbIsRun = pSt_Events->pbIsRun;
+    CNetCore_UDPXCore* pClass_UDPXCore = pSt_Events->pClass_UDPXCore;
+    const int hEpoll = pSt_Events->hEpoll;
+    t_pbIsRun = pbIsRun.get();
+
+    while (pbIsRun->load(std::memory_order_acquire)) {
+        int nCount = epoll_wait(hEpoll, pSt_Events->st_Events, kMaxEvents, -1);
+        for (int i = 0; i < nCount && pbIsRun->load(std::memory_order_acquire); i++) {
+            const struct epoll_event& st_Event = pSt_Events->st_Events[i];
+            if (st_Event.data.fd == pClass_UDPXCore->hSocket.load(std::memory_order_relaxed) ||
+                (st_Event.events & EPOLLIN)) {
+                // the wake-up pipe lands here too: the drain ends at once with ENOTSOCK
+                pClass_UDPXCore->NetCore_UDPXCore_Recv(st_Event.data.fd, nullptr, 0);
             } else {
                 printf("errno udp xcore %d\n", errno);
             }
         }
     }
+    t_pbIsRun = nullptr;
     return nullptr;
 }
 
-bool CNetCore_UDPXCore::NetCore_UDPXCore_Recv(int hSocket, NETCORE_UDPEPOLL_BUFFER*, unsigned long) {
-    // Edge-triggered: drain until the socket has nothing more. An error is reported with the
-    // sender of the last datagram read, if any.
-    char tszClientAddr[128] = {};
+bool CNetCore_UDPXCore::NetCore_UDPXCore_Recv(int hRecvSocket, NETCORE_UDPEPOLL_BUFFER* pSt_Buffer,
+                                              unsigned long nBufferLen) {
+    (void)pSt_Buffer;
+    (void)nBufferLen;
+    const std::atomic<bool>* pbRun = t_pbIsRun;
+    char tszClientAddr[kAddrTextSize] = "";
+    const bool bIPv4 = (nIPVer == AF_INET);
+    const socklen_t nAddrLen = bIPv4 ? sizeof(struct sockaddr_in) : sizeof(struct sockaddr_in6);
+
+    // Datagrams are fetched a batch per call to save system calls under load, and handed to the
+    // callback one by one, in arrival order, exactly as single reads would hand them.
+    char tszMsgBuffer[kRecvBatch][kRecvBufferSize];
+    struct sockaddr_in6 st_Addrs[kRecvBatch];
+    struct iovec st_Iovs[kRecvBatch];
+    struct mmsghdr st_Msgs[kRecvBatch];
+
+    // The socket is edge-triggered: drain it until it would block, or a later datagram could
+    // wait for the next arrival to be noticed.
     for (;;) {
-        char tszMsgBuffer[kDatagramSize];
-        char tszAddrText[128] = {};
-        ssize_t nRet;
-        if (nIPVer == AF_INET) {
-            struct sockaddr_in st_Addr {};
-            socklen_t nLen = sizeof(st_Addr);
-            nRet =
-                recvfrom(hSocket, tszMsgBuffer, sizeof(tszMsgBuffer), 0, reinterpret_cast<sockaddr*>(&st_Addr), &nLen);
-            if (nRet < 1) break;
-            inet_ntop(AF_INET, &st_Addr.sin_addr, tszAddrText, sizeof(tszAddrText));
-            snprintf(tszClientAddr, sizeof(tszClientAddr), "%s:%d", tszAddrText, ntohs(st_Addr.sin_port));
-        } else {
-            struct sockaddr_in6 st_Addr {};
-            socklen_t nLen = sizeof(st_Addr);
-            nRet =
-                recvfrom(hSocket, tszMsgBuffer, sizeof(tszMsgBuffer), 0, reinterpret_cast<sockaddr*>(&st_Addr), &nLen);
-            if (nRet < 1) break;
-            inet_ntop(AF_INET6, &st_Addr.sin6_addr, tszAddrText, sizeof(tszAddrText));
-            snprintf(tszClientAddr, sizeof(tszClientAddr), "%s:%d", tszAddrText, ntohs(st_Addr.sin6_port));
+        for (int i = 0; i < kRecvBatch; i++) {
+            st_Iovs[i].iov_base = tszMsgBuffer[i];
+            st_Iovs[i].iov_len = kRecvBufferSize;
+            st_Msgs[i].msg_hdr = {};
+            st_Msgs[i].msg_hdr.msg_name = &st_Addrs[i];
+            st_Msgs[i].msg_hdr.msg_namelen = nAddrLen;
+            st_Msgs[i].msg_hdr.msg_iov = &st_Iovs[i];
+            st_Msgs[i].msg_hdr.msg_iovlen = 1;
+            st_Msgs[i].msg_len = 0;
         }
-        nRecvPackets.fetch_add(1, kRelaxed);
-        nRecvBytes.fetch_add(static_cast<unsigned long long>(nRet), kRelaxed);
-        unsigned long long nTimeNow = BaseLib_OperatorTime_GetTickCount64();
-        nTimeRecv.store(nTimeNow, kRelaxed);
-        CloseInterval(nTimeNow, nTimeFlow.load(kRelaxed), nTimeRecvFlow, nRecvPackets, nRecvBytes, nFlowRecvPackets,
-                      nFlowRecvBytes);
-        // without a callback there is no one to hand the datagram to
-        CALLBACK_NETCORE_UDPXCORE_RECV fpCall = fpCall_Recv.load();
-        if (fpCall != nullptr)
-            fpCall(tszClientAddr, this->hSocket, tszMsgBuffer, static_cast<int>(nRet), lParam.load());
+        int nCount = recvmmsg(hRecvSocket, st_Msgs, kRecvBatch, 0, nullptr);
+        if (nCount < 0 && errno == EINTR) continue;
+        if (nCount < 1) break;
+
+        for (int i = 0; i < nCount; i++) {
+            const int nLen = static_cast<int>(st_Msgs[i].msg_len);
+            // An empty datagram carries nothing to deliver and is passed over; stopping at it
+            // would leave the datagrams queued behind it unseen until the next one arrives.
+            if (nLen == 0) continue;
+
+            char tszAddr[kAddrTextSize] = "";
+            int nPort;
+            if (bIPv4) {
+                const struct sockaddr_in* pSt_Addr4 = reinterpret_cast<const struct sockaddr_in*>(&st_Addrs[i]);
+                inet_ntop(AF_INET, &pSt_Addr4->sin_addr, tszAddr, sizeof(tszAddr));
+                nPort = ntohs(pSt_Addr4->sin_port);
+            } else {
+                // every version number but 2 takes this path, so the text is made as IPv6
+                inet_ntop(AF_INET6, &st_Addrs[i].sin6_addr, tszAddr, sizeof(tszAddr));
+                nPort = ntohs(st_Addrs[i].sin6_port);
+            }
+            snprintf(tszClientAddr, sizeof(tszClientAddr), "%s:%d", tszAddr, nPort);
+
+            nRecvPackets.fetch_add(1, std::memory_order_relaxed);
+            nRecvBytes.fetch_add(static_cast<unsigned long long>(nLen), std::memory_order_relaxed);
+            unsigned long long nNow = TickNow();
+            nTimeRecv.store(nNow, std::memory_order_relaxed);
+            CloseInterval(nTimeRecvFlow, nNow, nFlowRecvBytes, nRecvBytes, nFlowRecvPackets, nRecvPackets);
+
+            CALLBACK_NETCORE_UDPXCORE_RECV fpCall = fpCall_Recv.load(std::memory_order_acquire);
+            // Without a callback the datagram is counted and dropped: there is no one to hand it to.
+            if (fpCall != nullptr) {
+                fpCall(tszClientAddr, hSocket.load(std::memory_order_relaxed), tszMsgBuffer[i], nLen,
+                       lParam.load(std::memory_order_relaxed));
+            }
+            if (pbRun != nullptr && !pbRun->load(std::memory_order_acquire)) return true;
+        }
     }
-    // the wake-up pipe is no socket: its event ends here too
-    if (errno == EAGAIN || errno == ENOTSOCK) return true;
-    CALLBACK_NETCORE_UDPXCORE_RECV fpCall = fpCall_Recv.load();
-    if (fpCall != nullptr) fpCall(tszClientAddr, this->hSocket, nullptr, -1, lParam.load());
-    return true;
+    // EAGAIN: drained. ENOTSOCK: the descriptor that woke us was the wake-up pipe.
+    if (errno == EAGAIN || errno == EWOULDBLOCK || errno == ENOTSOCK) return true;
+    CALLBACK_NETCORE_UDPXCORE_RECV fpCall = fpCall_Recv.load(std::memory_order_acquire);
+    if (fpCall != nullptr) {
+        fpCall(tszClientAddr, hSocket.load(std::memory_order_relaxed), nullptr, -1,
+               lParam.load(std::memory_order_relaxed));
+    }
+    return false;
 }
 
-bool CNetCore_UDPXCore::NetCore_UDPXCore_RegisterCallBack(CALLBACK_NETCORE_UDPXCORE_RECV fpCall_Recv, void* lParam) {
+void CNetCore_UDPXCore::CloseInterval(std::atomic<unsigned long long>& nTimeFlowStart, unsigned long long nTimeNow,
+                                      std::atomic<unsigned long long>& nFlowBytes,
+                                      const std::atomic<unsigned long long>& nBytes,
+                                      std::atomic<unsigned long long>& nFlowPackets,
+                                      const std::atomic<unsigned long long>& nPackets) {
+    // the interval length is compared as unsigned, as the tick difference is
+    unsigned long long nLimit = static_cast<unsigned long long>(nTimeFlow.load(std::memory_order_relaxed)) * 1000ULL;
+    if (nTimeNow - nTimeFlowStart.load(std::memory_order_relaxed) > nLimit) {
+        nTimeFlowStart.store(nTimeNow, std::memory_order_relaxed);
+        nFlowPackets.store(nPackets.load(std::memory_order_relaxed), std::memory_order_relaxed);
+        nFlowBytes.store(nBytes.load(std::memory_order_relaxed), std::memory_order_relaxed);
+    }
+}
+
+bool CNetCore_UDPXCore::NetCore_UDPXCore_RegisterCallBack(CALLBACK_NETCORE_UDPXCORE_RECV fpCall, void* lpParam) {
     ClearError();
-    if (fpCall_Recv == nullptr) return Fail(ERROR_NETCORE_UDPXCORE_CBSET_PARAMENT);
-    this->lParam = lParam;
-    this->fpCall_Recv = fpCall_Recv;
+    if (fpCall == nullptr) return Fail(ERROR_NETCORE_UDPXCORE_CBSET_PARAMENT);
+    lParam.store(lpParam, std::memory_order_relaxed);
+    fpCall_Recv.store(fpCall, std::memory_order_release);
     return true;
 }
 
 bool CNetCore_UDPXCore::NetCore_UDPXCore_SendMsg(const char* lpszClientAddr, const char* lpszMsgBuffer, int nMsgLen) {
     ClearError();
     if (lpszClientAddr == nullptr || lpszMsgBuffer == nullptr) return Fail(ERROR_NETCORE_UDPXCORE_SENDMSG_PARAMENT);
-    char tszAddr[64] = {};
-    strncpy(tszAddr, lpszClientAddr, sizeof(tszAddr) - 1);
-    int nPort = 0;
-    BaseLib_OperatorIPAddr_SegAddr(tszAddr, &nPort);
-    if (!NetCore_Socket_Send(hSocket, lpszMsgBuffer, nMsgLen, tszAddr, nPort, 3, nIPVer)) return false;
 
-    nSendPackets.fetch_add(1, kRelaxed);
-    nSendBytes.fetch_add(static_cast<unsigned long long>(nMsgLen), kRelaxed);
-    unsigned long long nTimeNow = BaseLib_OperatorTime_GetTickCount64();
-    nTimeSend.store(nTimeNow, kRelaxed);
-    CloseInterval(nTimeNow, nTimeFlow.load(kRelaxed), nTimeSendFlow, nSendPackets, nSendBytes, nFlowSendPackets,
-                  nFlowSendBytes);
+    // A longer text is cut to the buffer; the split then finds whatever port is left.
+    char tszAddr[kSendAddrSize];
+    snprintf(tszAddr, sizeof(tszAddr), "%s", lpszClientAddr);
+    int nPort = 0;  // a text without a colon sends to port 0, which the platform refuses
+    BaseLib_OperatorIPAddr_SegAddr(tszAddr, &nPort);
+    if (!st_Socket.NetCore_Socket_Send(hSocket.load(std::memory_order_relaxed), lpszMsgBuffer, nMsgLen, tszAddr, nPort,
+                                       kSendTimeOut, nIPVer)) {
+        return false;
+    }
+    nSendPackets.fetch_add(1, std::memory_order_relaxed);
+    nSendBytes.fetch_add(static_cast<unsigned long long>(nMsgLen), std::memory_order_relaxed);
+    unsigned long long nNow = TickNow();
+    nTimeSend.store(nNow, std::memory_order_relaxed);
+    CloseInterval(nTimeSendFlow, nNow, nFlowSendBytes, nSendBytes, nFlowSendPackets, nSendPackets);
     return true;
 }
 
 bool CNetCore_UDPXCore::NetCore_UDPXCore_GetSocket(int* phSocket) {
     ClearError();
-    if (phSocket != nullptr) *phSocket = hSocket;
+    // nothing to fail: a null pointer is simply not written
+    if (phSocket != nullptr) *phSocket = hSocket.load(std::memory_order_relaxed);
     return true;
 }
 
@@ -213,10 +297,10 @@ bool CNetCore_UDPXCore::NetCore_UDPXCore_GetFlow(unsigned long long* pInt_SendBy
                                                  unsigned long long* pInt_RecvPackets) {
     ClearError();
     if (pInt_SendBytes == nullptr || pInt_RecvBytes == nullptr) return Fail(ERROR_NETCORE_UDPXCORE_GETFLOW_PARAMENT);
-    *pInt_SendBytes = nSendBytes.load(kRelaxed);
-    *pInt_RecvBytes = nRecvBytes.load(kRelaxed);
-    if (pInt_SendPackets != nullptr) *pInt_SendPackets = nSendPackets.load(kRelaxed);
-    if (pInt_RecvPackets != nullptr) *pInt_RecvPackets = nRecvPackets.load(kRelaxed);
+    *pInt_SendBytes = nSendBytes.load(std::memory_order_relaxed);
+    *pInt_RecvBytes = nRecvBytes.load(std::memory_order_relaxed);
+    if (pInt_SendPackets != nullptr) *pInt_SendPackets = nSendPackets.load(std::memory_order_relaxed);
+    if (pInt_RecvPackets != nullptr) *pInt_RecvPackets = nRecvPackets.load(std::memory_order_relaxed);
     return true;
 }
 
@@ -229,60 +313,82 @@ bool CNetCore_UDPXCore::NetCore_UDPXCore_GetAverageFlow(unsigned long long* pInt
         pInt_RecvPackets == nullptr) {
         return Fail(ERROR_NETCORE_UDPXCORE_AVERAGE_PARAMENT);
     }
+    const unsigned long long nSB = nSendBytes.load(std::memory_order_relaxed);
+    const unsigned long long nRB = nRecvBytes.load(std::memory_order_relaxed);
+    const unsigned long long nSP = nSendPackets.load(std::memory_order_relaxed);
+    const unsigned long long nRP = nRecvPackets.load(std::memory_order_relaxed);
     if (bWhole) {
-        // milliseconds times 1000: the divisor callers have always had
-        unsigned long long nElapsed = (BaseLib_OperatorTime_GetTickCount64() - nTimeStart.load(kRelaxed)) * 1000;
-        *pInt_SendBytes = Quotient(nSendBytes.load(kRelaxed), nElapsed);
-        *pInt_RecvBytes = Quotient(nRecvBytes.load(kRelaxed), nElapsed);
-        *pInt_SendPackets = Quotient(nSendPackets.load(kRelaxed), nElapsed);
-        *pInt_RecvPackets = Quotient(nRecvPackets.load(kRelaxed), nElapsed);
+        // milliseconds times 1000, as callers have always divided by it
+        unsigned long long nElapse = (TickNow() - nTimeStart.load(std::memory_order_relaxed)) * 1000ULL;
+        *pInt_SendBytes = nElapse == 0 ? 0 : nSB / nElapse;
+        *pInt_RecvBytes = nElapse == 0 ? 0 : nRB / nElapse;
+        *pInt_SendPackets = nElapse == 0 ? 0 : nSP / nElapse;
+        *pInt_RecvPackets = nElapse == 0 ? 0 : nRP / nElapse;
         return true;
     }
-    unsigned long long nFlow = static_cast<unsigned long long>(nTimeFlow.load(kRelaxed));
-    *pInt_SendBytes = nSendBytes.load(kRelaxed) - Quotient(nFlowSendBytes.load(kRelaxed), nFlow);
-    *pInt_RecvBytes = nRecvBytes.load(kRelaxed) - Quotient(nFlowRecvBytes.load(kRelaxed), nFlow);
-    // the third output starts from the received packet total, as callers know it
-    *pInt_SendPackets = nRecvPackets.load(kRelaxed) - Quotient(nFlowSendPackets.load(kRelaxed), nFlow);
-    *pInt_RecvPackets = nRecvPackets.load(kRelaxed) - Quotient(nFlowRecvPackets.load(kRelaxed), nFlow);
+    // Each output is the total minus the snapshot's share of one interval; the third starts from
+    // the receive packet total. Callers rely on these figures as they stand.
+    const unsigned long long nPeriod = static_cast<unsigned long long>(nTimeFlow.load(std::memory_order_relaxed));
+    auto Share = [nPeriod](const std::atomic<unsigned long long>& nSnapshot) {
+        return nPeriod == 0 ? 0ULL : nSnapshot.load(std::memory_order_relaxed) / nPeriod;
+    };
+    *pInt_SendBytes = nSB - Share(nFlowSendBytes);
+    *pInt_RecvBytes = nRB - Share(nFlowRecvBytes);
+    *pInt_SendPackets = nRP - Share(nFlowSendPackets);
+    *pInt_RecvPackets = nRP - Share(nFlowRecvPackets);
     return true;
 }
 
 bool CNetCore_UDPXCore::NetCore_UDPXCore_GetTime(unsigned long long* pInt_TimeRecv, unsigned long long* pInt_TimeSend) {
     ClearError();
     if (pInt_TimeRecv == nullptr || pInt_TimeSend == nullptr) return Fail(ERROR_NETCORE_UDPXCORE_GETTIME_PARAMENT);
-    *pInt_TimeRecv = nTimeRecv.load(kRelaxed);
-    *pInt_TimeSend = nTimeSend.load(kRelaxed);
+    *pInt_TimeRecv = nTimeRecv.load(std::memory_order_relaxed);
+    *pInt_TimeSend = nTimeSend.load(std::memory_order_relaxed);
     return true;
 }
 
 bool CNetCore_UDPXCore::NetCore_UDPXCore_Destroy(bool bClearFlow) {
     ClearError();
-    bIsRun = false;
-    for (const auto& pSt_Events : stl_ListEvents) {
-        if (pSt_Events->hPipe[1] >= 0 && write(pSt_Events->hPipe[1], "exit", 4) != 4) {
-            // a full pipe already holds a wake-up
-        }
-    }
-    if (xhPool != nullptr) ManagePool_Thread_NQDestroy(xhPool);
-    xhPool = nullptr;
-    // The socket is closed once no thread can be reading it, so its number is never reused
-    // under a receive in progress.
-    if (hSocket >= 0) close(hSocket);
-    hSocket = -1;
-    for (const auto& pSt_Events : stl_ListEvents) {
-        for (int hFd : {pSt_Events->hPipe[0], pSt_Events->hPipe[1], pSt_Events->hEpoll}) {
-            if (hFd >= 0) close(hFd);
-        }
-    }
-    stl_ListEvents.clear();
+    ReleaseRun();
     if (bClearFlow) {
-        for (auto* pnCounter :
+        for (std::atomic<unsigned long long>* pInt_Value :
              {&nSendBytes, &nRecvBytes, &nSendPackets, &nRecvPackets, &nTimeSendFlow, &nTimeRecvFlow, &nFlowSendBytes,
               &nFlowRecvBytes, &nFlowSendPackets, &nFlowRecvPackets, &nTimeStart, &nTimeRecv, &nTimeSend}) {
-            pnCounter->store(0, kRelaxed);
+            pInt_Value->store(0, std::memory_order_relaxed);
         }
-        nTimeFlow.store(0, kRelaxed);
+        nTimeFlow.store(0, std::memory_order_relaxed);
     }
-    BaseLib_OperatorMemory_Free(reinterpret_cast<void***>(&ppSt_ListPool), nThreadCount);
     return true;
+}
+
+// Stops the receive threads and releases everything a start made. The socket is closed only after
+// every thread has ended: a thread still draining it must never read a descriptor number that
+// has meanwhile been given to someone else. Run from one of this server's own callbacks, the pool
+// leaves the calling thread to finish by itself, and that thread stops at the cleared flag.
+void CNetCore_UDPXCore::ReleaseRun() {
+    if (bIsRun) bIsRun->store(false, std::memory_order_release);
+    for (const auto& pSt_Events : stl_ListEvents) {
+        if (pSt_Events->hPipe[1] >= 0) {
+            ssize_t nRet = write(pSt_Events->hPipe[1], "exit", 4);
+            (void)nRet;  // a full pipe already wakes the thread
+        }
+    }
+    if (xhPool != nullptr) {
+        ManagePool_Thread_NQDestroy(xhPool);
+        xhPool = nullptr;
+    }
+    int hOld = hSocket.exchange(-1, std::memory_order_relaxed);
+    if (hOld >= 0) {
+        shutdown(hOld, SHUT_RDWR);
+        close(hOld);
+    }
+    for (const auto& pSt_Events : stl_ListEvents) {
+        CloseFd(pSt_Events->hPipe[0]);
+        CloseFd(pSt_Events->hPipe[1]);
+        CloseFd(pSt_Events->hEpoll);
+    }
+    stl_ListEvents.clear();
+    if (ppSt_ListPool != nullptr) {
+        BaseLib_OperatorMemory_Free(reinterpret_cast<void***>(&ppSt_ListPool), nThreadCount);
+    }
 }

@@ -1,5 +1,6 @@
-// CNetCore_UDPXCore: one bound UDP socket served by receive threads of the pool library, each
-// waiting on its own epoll instance in which the socket is registered edge-triggered.
+// CNetCore_UDPXCore: a datagram server on one bound UDP socket, served by receive threads that run
+// in the pool library, each waiting on an epoll instance of its own in which the same socket is
+// registered edge-triggered. Reached from outside through CNetCore_UDPXCoreEx.
 #pragma once
 
 #include <sys/epoll.h>
@@ -8,23 +9,31 @@
 #include <list>
 #include <memory>
 
-#include "Ombrelt_ManagePool.h"
+#include "../socket/NetCore_Socket.h"
 #include "Ombrelt_NetCore.h"
-#include "socket/NetCore_Socket.h"
 
+// Relative includes and a forward-declared pool record keep this header usable by callers that
+// link against the class and have only the public include directory.
+struct tag_ThreadPool_Parament;
 class CNetCore_UDPXCore;
 
-// One receive thread's wake-up pipe and epoll instance.
-struct NETCORE_UDPEPOLL_EVENTS {
-    int hPipe[2];
+// Second parameter of the drain loop; the receive threads pass null and the loop does not use it.
+typedef struct tag_NetCore_UDPEpoll_Buffer {
+    char* lpszMsgBuffer;
+    int nMsgLen;
+} NETCORE_UDPEPOLL_BUFFER;
+
+// One receive thread's set-up, owned by the server's list.
+typedef struct tag_NetCore_UDPEpoll_Events {
+    int hPipe[2];  // wake-up pipe: read end, write end
     int hEpoll;
     struct epoll_event st_Event;
     struct epoll_event st_Events[1024];
     CNetCore_UDPXCore* pClass_UDPXCore;
-};
-
-// Unused by the receive path, which always passes null.
-struct NETCORE_UDPEPOLL_BUFFER;
+    // The run flag of the start that made this record. The thread holds its own reference, so a
+    // callback that destroys (and deletes) the server leaves the thread a flag it can still read.
+    std::shared_ptr<std::atomic<bool>> pbIsRun;
+} NETCORE_UDPEPOLL_EVENTS;
 
 class NETCORE_API CNetCore_UDPXCore {
 public:
@@ -33,7 +42,8 @@ public:
     CNetCore_UDPXCore(const CNetCore_UDPXCore&) = delete;
     CNetCore_UDPXCore& operator=(const CNetCore_UDPXCore&) = delete;
 
-    bool NetCore_UDPXCore_Start(int nPort, int nThread = 0, int nTimeFlow = 5, int nIPVer = 2);
+    bool NetCore_UDPXCore_Start(int nPort, int nThread = 0, int nTimeFlow = 3, int nIPVer = 2);
+    bool NetCore_UDPXCore_Destroy(bool bClearFlow = false);
     bool NetCore_UDPXCore_RegisterCallBack(CALLBACK_NETCORE_UDPXCORE_RECV fpCall_Recv, void* lParam = nullptr);
     bool NetCore_UDPXCore_SendMsg(const char* lpszClientAddr, const char* lpszMsgBuffer, int nMsgLen);
     bool NetCore_UDPXCore_GetSocket(int* phSocket);
@@ -42,22 +52,30 @@ public:
                                   unsigned long long* pInt_RecvPackets = nullptr);
     bool NetCore_UDPXCore_GetAverageFlow(unsigned long long* pInt_SendBytes, unsigned long long* pInt_RecvBytes,
                                          unsigned long long* pInt_SendPackets, unsigned long long* pInt_RecvPackets,
-                                         bool bWhole = true);
+                                         bool bWhole = false);
     bool NetCore_UDPXCore_GetTime(unsigned long long* pInt_TimeRecv, unsigned long long* pInt_TimeSend);
-    bool NetCore_UDPXCore_Destroy(bool bClearFlow = false);
 
 protected:
-    bool NetCore_UDPXCore_Create(int nPort, int nThread, std::list<THREADPOOL_PARAMENT*>* pStl_ListParam);
+    bool NetCore_UDPXCore_Create(int nPort, int nThread, std::list<tag_ThreadPool_Parament>* pStl_ListParam);
+    bool NetCore_UDPXCore_Recv(int hSocket, NETCORE_UDPEPOLL_BUFFER* pSt_Buffer, unsigned long nBufferLen);
     static void* NetCore_UDPXCore_ThreadAccept(void* lParam);
-    bool NetCore_UDPXCore_Recv(int hSocket, NETCORE_UDPEPOLL_BUFFER* pSt_Buffer, unsigned long nLen);
 
 private:
+    void ReleaseRun();
+    void CloseInterval(std::atomic<unsigned long long>& nTimeFlowStart, unsigned long long nTimeNow,
+                       std::atomic<unsigned long long>& nFlowBytes, const std::atomic<unsigned long long>& nBytes,
+                       std::atomic<unsigned long long>& nFlowPackets, const std::atomic<unsigned long long>& nPackets);
+
     void* xhPool = nullptr;
-    int hSocket = -1;  // -1 while no socket is bound, so that Destroy never closes a stranger
-    std::atomic<bool> bIsRun{false};
-    int nIPVer = 0;
+    // Read by receive threads and senders while Start and Destroy replace it.
+    std::atomic<int> hSocket{-1};
+    // Replaced by each start; the receive threads loop while it is set.
+    std::shared_ptr<std::atomic<bool>> bIsRun;
+    int nIPVer = 2;
     int nThreadCount = 0;
-    // Counters are bumped by the receive threads and by senders at once.
+
+    // Totals, interval starts and snapshots are bumped by every receive thread and every sender
+    // at once, so each is a relaxed atomic; readers see each value on its own, not a snapshot.
     std::atomic<unsigned long long> nSendBytes{0};
     std::atomic<unsigned long long> nRecvBytes{0};
     std::atomic<unsigned long long> nSendPackets{0};
@@ -72,9 +90,14 @@ private:
     std::atomic<unsigned long long> nTimeStart{0};
     std::atomic<unsigned long long> nTimeRecv{0};
     std::atomic<unsigned long long> nTimeSend{0};
+
+    // The callback and its context may be registered while datagrams arrive: the context is
+    // stored before the callback is published, and read after it.
     std::atomic<void*> lParam{nullptr};
     std::atomic<CALLBACK_NETCORE_UDPXCORE_RECV> fpCall_Recv{nullptr};
-    CNetCore_Socket m_Socket;
-    THREADPOOL_PARAMENT** ppSt_ListPool = nullptr;
+
+    CNetCore_Socket st_Socket;
+    tag_ThreadPool_Parament** ppSt_ListPool = nullptr;
+    // Touched only by Start and Destroy, on the caller's thread.
     std::list<std::unique_ptr<NETCORE_UDPEPOLL_EVENTS>> stl_ListEvents;
 };
