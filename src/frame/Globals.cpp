@@ -8,3 +8,6 @@
 #include "Globals.h"
 
 CNetCore_Socket m_Socket;
+CNetCore_UDPSelect m_UDPSelect;
+CNetCore_BroadCast m_BroadCast;
+CNetCore_GroupCast m_GroupCast;
