@@ -156,7 +156,8 @@ NETCORE_API bool NetCore_UDPSelect_Send(void* lPClass, const char* lpszMsgBuffer
 NETCORE_API bool NetCore_UDPSelect_Recv(void* lPClass, char* ptszAddr, char* ptszMsgBuffer, int* pInt_Len,
                                         bool bSelect);
 /* Closes the socket, ends the receive thread and frees the handle; a null handle is accepted.
- * Never call it from the endpoint's own callback. Always true. */
+ * Called from the endpoint's own callback it returns at once, and the endpoint is released as
+ * soon as the callback has returned. Always true. */
 NETCORE_API bool NetCore_UDPSelect_Stop(void* lPClass);
 /* true: callback mode (Recv refused); false: the receive thread idles and Recv may be used. A
  * receive thread already waiting for a datagram hands that one to the callback before it idles. */

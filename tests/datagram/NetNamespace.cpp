@@ -45,7 +45,8 @@ bool NetNamespace::Enter() {
         return false;
     }
     if (unshare(CLONE_NEWNET) != 0) {
-        m_strWhy = std::string("cannot make a network namespace (needs root or CAP_NET_ADMIN): ") + strerror(errno);
+        m_strWhy = std::string("cannot make a network namespace (needs root, or CAP_SYS_ADMIN and CAP_NET_ADMIN): ") +
+                   strerror(errno);
         Leave();
         return false;
     }
