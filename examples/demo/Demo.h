@@ -6,3 +6,4 @@
 void Report(const char* lpszStep, bool bOk);
 
 void DemoSocket();
+void DemoDatagram();

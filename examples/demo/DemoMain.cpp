@@ -23,6 +23,7 @@ void Report(const char* lpszStep, bool bOk) {
 
 int main() {
     DemoSocket();
+    DemoDatagram();
     printf("%s\n", g_nFailures == 0 ? "demo finished: all steps ok" : "demo finished with failures");
     return g_nFailures == 0 ? 0 : 1;
 }
