@@ -130,20 +130,29 @@ bool CNetCore_UDPSelect::NetCore_UDPSelect_RegisterCallBack(void* lPClass, CALLB
     ClearError();
     if (lPClass == nullptr) return Fail(ERROR_NETCORE_UDPSELECT_CBSET_PARAMENT);
     tag_UDPSocket_AddrInfo* pSt_Endpoint = AsEndpoint(lPClass);
-    {
-        std::lock_guard<std::mutex> st_Guard(pSt_Endpoint->st_CallLocker);
-        pSt_Endpoint->lParam = lParam;
-        pSt_Endpoint->fpCall_Recv = fpCall_Recv;
-    }
-    pSt_Endpoint->bRunning = true;
-    pSt_Endpoint->bCallMode = true;
 
     // One receive thread per endpoint: a second registration hands the new callback to the
     // thread already running, and only replaces a thread whose loop has ended.
     if (pSt_Endpoint->pSTDThread != nullptr && pSt_Endpoint->pSTDThread->joinable()) {
-        if (!pSt_Endpoint->bThreadEnded) return true;
+        if (!pSt_Endpoint->bThreadEnded) {
+            {
+                std::lock_guard<std::mutex> st_Guard(pSt_Endpoint->st_CallLocker);
+                pSt_Endpoint->lParam = lParam;
+                pSt_Endpoint->fpCall_Recv = fpCall_Recv;
+            }
+            pSt_Endpoint->bRunning = true;
+            pSt_Endpoint->bCallMode = true;
+            return true;
+        }
         pSt_Endpoint->pSTDThread->join();
     }
+    // The lock is held until the thread object is stored: the new thread takes it before its
+    // first callback, so a Stop made from that callback finds the thread object complete.
+    std::lock_guard<std::mutex> st_Guard(pSt_Endpoint->st_CallLocker);
+    pSt_Endpoint->lParam = lParam;
+    pSt_Endpoint->fpCall_Recv = fpCall_Recv;
+    pSt_Endpoint->bRunning = true;
+    pSt_Endpoint->bCallMode = true;
     pSt_Endpoint->bThreadEnded = false;
     try {
         pSt_Endpoint->pSTDThread = std::make_unique<std::thread>(NetCore_UDPSelect_RecvThread, pSt_Endpoint);

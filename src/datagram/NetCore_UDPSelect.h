@@ -24,7 +24,8 @@ struct tag_UDPSocket_AddrInfo {
     CALLBACK_NETCORE_UDPSELECT_RECV fpCall_Recv = nullptr;
 
     // Guards lParam and fpCall_Recv, which a second RegisterCallBack may replace while the
-    // receive thread runs: the thread always calls a matching pair.
+    // receive thread runs (the thread always calls a matching pair), and orders the storing of
+    // pSTDThread before the thread's first callback.
     std::mutex st_CallLocker;
     // Set by the receive thread when its loop has ended (an empty datagram, a failed receive or
     // Stop), so that a later RegisterCallBack can start a fresh one.
