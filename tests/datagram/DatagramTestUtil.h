@@ -73,6 +73,23 @@ inline void BreakSocket(int hSocket) {
     close(fds[1]);
 }
 
+// Whether this platform takes the outgoing multicast interface option. A user-mode emulator that
+// does not translate it refuses it with ENOPROTOOPT; no multicast endpoint can be made there.
+inline bool MulticastInterfaceSupported() {
+    nctest::Fd probe(socket(AF_INET, SOCK_DGRAM, 0));
+    in_addr local{};
+    local.s_addr = htonl(INADDR_LOOPBACK);
+    return setsockopt(probe.Get(), IPPROTO_IP, IP_MULTICAST_IF, &local, sizeof(local)) == 0;
+}
+
+// Whether IPv6 sockets take option number 33 at the IPv6 level, which multicast creation sets
+// for a time-to-live; a user-mode emulator may not translate it.
+inline bool Ipv6Option33Supported() {
+    nctest::Fd probe(socket(AF_INET6, SOCK_DGRAM, 0));
+    int value = 1;
+    return probe.Get() >= 0 && setsockopt(probe.Get(), IPPROTO_IPV6, 33, &value, sizeof(value)) == 0;
+}
+
 inline void ExpectFailure(unsigned long long code) {
     EXPECT_TRUE(nctest::ErrorFlag());
     EXPECT_EQ(code, NetCore_GetLastError(nullptr));
