@@ -784,6 +784,119 @@ NETCORE_API bool NetCore_SerialPort_RecvData(const char* lpszDevice, unsigned ch
 /* Whether the path can be opened for reading and writing now (not whether this library holds it) */
 NETCORE_API bool NetCore_SerialPort_IsOpenDev(const char* lpszDevice);
 
+/* ------------------------------------------------------------------------------------------------
+ * UDP select endpoints (NetCore_UDPSelect_*)
+ *
+ * One UDP socket per endpoint, handed out as an opaque handle. nIPVer 2 (AF_INET) means IPv4,
+ * any other value IPv6. An endpoint is read by the caller (pull mode, NetCore_UDPSelect_Recv) or,
+ * after NetCore_UDPSelect_RegisterCallBack, by its own receive thread that calls the callback
+ * (callback mode). NetCore_UDPSelect_SetMode switches between the two. Only a null handle is
+ * detected; every other handle must come from NetCore_UDPSelect_Start and not be stopped yet.
+ * --------------------------------------------------------------------------------------------- */
+
+#define ERROR_NETCORE_UDPSELECT_START_MALLOC 0x020A4402
+#define ERROR_NETCORE_UDPSELECT_CBSET_THREAD 0x020A4405
+#define ERROR_NETCORE_UDPSELECT_SEND_PARAMENT 0x020A4421
+#define ERROR_NETCORE_UDPSELECT_HANDLE_NOTFOUND 0x020A4422
+#define ERROR_NETCORE_UDPSELECT_RECV_PARAMENT 0x020A4430
+#define ERROR_NETCORE_UDPSELECT_RECV_CALLMODE 0x020A4431
+#define ERROR_NETCORE_UDPSELECT_RECV_NOTFOUND 0x020A4432
+#define ERROR_NETCORE_UDPSELECT_RECV_FAILED 0x020A4433
+#define ERROR_NETCORE_UDPSELECT_RECV_NOTBIND 0x020A4434
+#define ERROR_NETCORE_UDPSELECT_SETMODE_PARAMENT 0x020A4440
+#define ERROR_NETCORE_UDPSELECT_CBSET_PARAMENT 0x020A4450
+
+/* Receive callback: sender as "address:port", the endpoint's socket, the datagram (at most 2048
+ * bytes; longer ones are cut), its length and the registered lParam. Runs on the endpoint's
+ * receive thread. */
+typedef void (*CALLBACK_NETCORE_UDPSELECT_RECV)(const char* lpszAddr, int hSocket, const char* lpszMsg, int nLen,
+                                                void* lParam);
+
+/* Opens a UDP socket, bound to nPort on the wildcard address when nPort is above 0 (otherwise it
+ * can only send). Returns the handle, or null with the socket utilities' code. */
+NETCORE_API void* NetCore_UDPSelect_Start(int nPort, int nIPVer);
+NETCORE_API bool NetCore_UDPSelect_GetSocket(void* lPClass, int* phSocket);
+/* Sends to lpszAddr:nPort, retrying for up to 3 seconds while the socket would block. */
+NETCORE_API bool NetCore_UDPSelect_Send(void* lPClass, const char* lpszMsgBuffer, int nMsgLen, const char* lpszAddr,
+                                        int nPort);
+/* Pull mode only. Receives one datagram of at most *pInt_Len bytes, stores its length in
+ * *pInt_Len and the sender as "address:port" in ptszAddr (room for 64 characters). With bSelect
+ * it first waits 100 ms for one and fails with the readiness wait's code if none came; without,
+ * it blocks. Fails on an endpoint without a local port and in callback mode. */
+NETCORE_API bool NetCore_UDPSelect_Recv(void* lPClass, char* ptszAddr, char* ptszMsgBuffer, int* pInt_Len,
+                                        bool bSelect);
+/* Closes the socket, ends the receive thread and frees the handle; a null handle is accepted.
+ * Called from the endpoint's own callback it returns at once, and the endpoint is released as
+ * soon as the callback has returned. Always true. */
+NETCORE_API bool NetCore_UDPSelect_Stop(void* lPClass);
+/* true: callback mode (Recv refused); false: the receive thread idles and Recv may be used. A
+ * receive thread already waiting for a datagram hands that one to the callback before it idles. */
+NETCORE_API bool NetCore_UDPSelect_SetMode(void* lPClass, bool bCallMode);
+/* Stores the callback and starts the receive thread in callback mode. The thread ends for good
+ * when it receives an empty datagram. */
+NETCORE_API bool NetCore_UDPSelect_RegisterCallBack(void* lPClass, CALLBACK_NETCORE_UDPSELECT_RECV fpCall_Recv,
+                                                    void* lParam);
+
+/* ------------------------------------------------------------------------------------------------
+ * Broadcast endpoints (NetCore_BroadCast_*), IPv4
+ *
+ * Every datagram goes to 255.255.255.255 on the endpoint's port; the endpoint receives what is
+ * sent to that port. Endpoints are named by their socket.
+ * --------------------------------------------------------------------------------------------- */
+
+#define ERROR_NETCORE_BROADCAST_PARAMENT 0x020A6100
+#define ERROR_NETCORE_BROADCAST_CREATE_SOCKET 0x020A6101
+#define ERROR_NETCORE_BROADCAST_CREATE_SETOPT 0x020A6102
+#define ERROR_NETCORE_BROADCAST_CREATE_BIND 0x020A6103
+#define ERROR_NETCORE_BROADCAST_NOTFOUND 0x020A6105
+#define ERROR_NETCORE_BROADCAST_SEND_FAILED 0x020A6106
+#define ERROR_NETCORE_BROADCAST_RECV_FAILED 0x020A6107
+
+/* A broadcast socket with address reuse, bound to lpszAddr:nPort (null lpszAddr: any address).
+ * Several endpoints may share a port. */
+NETCORE_API bool NetCore_BroadCast_Create(int* phSocket, int nPort, const char* lpszAddr);
+/* Waits up to 100 ms until the socket can send, then sends to 255.255.255.255 on its port. */
+NETCORE_API bool NetCore_BroadCast_Send(int hSocket, const char* lpszMsgBuffer, int nMsgLen);
+/* Waits up to nTimeout ms for a datagram (a negative nTimeout blocks in the receive), receives at
+ * most *pInt_Len bytes, stores the length in *pInt_Len and, when ptszAddr is not null, the sender
+ * as "address:port" (room for 128 characters).
+ * NetCore_IsErrorOccur reads true after this call even when it succeeded; on success
+ * NetCore_dwErrorCode keeps its previous value, so judge by the result. */
+NETCORE_API bool NetCore_BroadCast_Recv(int hSocket, char* ptszMsgBuffer, int* pInt_Len, char* ptszAddr, int nTimeout);
+/* Closes the endpoint; waits for Sends and Recvs running on any endpoint. Always true. */
+NETCORE_API bool NetCore_BroadCast_Close(int hSocket);
+
+/* ------------------------------------------------------------------------------------------------
+ * Multicast endpoints (NetCore_GroupCast_*)
+ *
+ * A socket bound to nPort on any address and joined to one group through one local interface
+ * address; every datagram goes to the group on nPort. Only IPv4 (nIPVer 2) endpoints can be made:
+ * any other nIPVer fails with ERROR_NETCORE_GROUPCAST_CREATE_BIND. Endpoints are named by their
+ * socket.
+ * --------------------------------------------------------------------------------------------- */
+
+#define ERROR_NETCORE_GROUPCAST_PARAMENT 0x020A6001
+#define ERROR_NETCORE_GROUPCAST_CREATE_SOCKET 0x020A6002
+#define ERROR_NETCORE_GROUPCAST_CREATE_LOOP 0x020A6003
+#define ERROR_NETCORE_GROUPCAST_CREATE_TTL 0x020A6004
+#define ERROR_NETCORE_GROUPCAST_CREATE_BIND 0x020A6006 /* also: the outgoing interface was refused */
+#define ERROR_NETCORE_GROUPCAST_CREATE_JOIN 0x020A6007
+#define ERROR_NETCORE_GROUPCAST_NOTFOUND 0x020A6008
+#define ERROR_NETCORE_GROUPCAST_SEND_FAILED 0x020A6009
+#define ERROR_NETCORE_GROUPCAST_RECV_FAILED 0x020A6010
+
+/* nTTL 0 or less keeps the system's multicast time-to-live; bLoop delivers the host's own sends
+ * to its members (this endpoint included). Address texts longer than 127 characters are cut. */
+NETCORE_API bool NetCore_GroupCast_Create(int* phSocket, int nPort, const char* lpszGroupAddr,
+                                          const char* lpszLocalAddr, int nTTL, bool bLoop, int nIPVer);
+/* Waits up to 100 ms until the socket can send, then sends to the group (0 bytes included). */
+NETCORE_API bool NetCore_GroupCast_Send(int hSocket, const char* lpszMsgBuffer, int nMsgLen);
+/* Like NetCore_BroadCast_Recv, with the usual flag convention. ptszAddr (room for 128
+ * characters), when not null, is written even when the receive fails. */
+NETCORE_API bool NetCore_GroupCast_Recv(int hSocket, char* ptszMsgBuffer, int* pInt_Len, char* ptszAddr, int nTimeout);
+/* Leaves the group and closes the endpoint; waits for running Sends and Recvs. Always true. */
+NETCORE_API bool NetCore_GroupCast_Close(int hSocket);
+
 #ifdef __cplusplus
 }
 #endif

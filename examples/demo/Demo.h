@@ -12,3 +12,4 @@ void DemoLocal();
 void DemoTCPServers();
 void DemoTCPXCore();
 void DemoSerial();
+void DemoDatagram();

@@ -29,6 +29,7 @@ int main() {
     DemoTCPServers();
     DemoTCPXCore();
     DemoSerial();
+    DemoDatagram();
     printf("%s\n", g_nFailures == 0 ? "demo finished: all steps ok" : "demo finished with failures");
     return g_nFailures == 0 ? 0 : 1;
 }

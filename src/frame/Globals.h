@@ -2,6 +2,9 @@
 // in which they must be constructed.
 #pragma once
 
+#include "datagram/NetCore_BroadCast.h"
+#include "datagram/NetCore_GroupCast.h"
+#include "datagram/NetCore_UDPSelect.h"
 #include "heartbeat/SocketOpt_HeartBeatEx.h"
 #include "local/NetCore_PIPAnonymous.h"
 #include "local/NetCore_PIPIpc.h"
@@ -22,8 +25,11 @@ extern CNetCore_PIPNamed m_PIPNamed;
 extern CNetCore_UnixDomain m_UnixDomain;
 extern CNetCore_SerialPort m_SerialPort;
 extern CNetCore_TCPSelect m_TCPSelect;
+extern CNetCore_UDPSelect m_UDPSelect;
 extern CNetCore_TCPXPoll m_TCPXPoll;
 extern CNetCore_TCPXCoreEx m_TCPXCore;
 extern CNetCore_UDPXCoreEx m_UDPXCore;
 extern CSocketOpt_HeartBeatEx m_OptHeartBeat;
+extern CNetCore_BroadCast m_BroadCast;
+extern CNetCore_GroupCast m_GroupCast;
 extern CNetCore_PIPIpc m_PIPIpc;
