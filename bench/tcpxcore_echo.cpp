@@ -1,6 +1,13 @@
 // Echo benchmark of the TCP epoll server against a minimal echo server written directly on epoll
 // (one SO_REUSEPORT listener, epoll instance and thread per server thread: the practical ceiling
-// on this machine), both driven by the same loopback load generator in the same run.
+// on this machine) and, when libuv was found at configure time, a libuv echo server (one loop on
+// one thread: libuv 1.44 has no SO_REUSEPORT option to spread a listener over several loops).
+// All are driven by the same loopback load generator in the same run.
+//
+// The load generator lives in a child process forked before any server or thread is started, so
+// each process holds one end of every connection (10,000 connections fit a 20,000-descriptor hard
+// limit) and the heap figures are the server process's alone. The parent sends it commands
+// (connect, drive, close) through one pipe and reads the results from another.
 //
 // Usage: tcpxcore_echo [--seconds S] [--repeat R] [--inflight M] [--threads T] [--conns a,b,c] [--sizes x,y]
 //   defaults: 1 s per measurement after a 0.3 s warm-up, 3 repeats (median taken, the servers
@@ -14,14 +21,17 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
+#include <sys/prctl.h>
 #include <sys/epoll.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -31,6 +41,10 @@
 #include <vector>
 
 #include "Ombrelt_NetCore.h"
+
+#ifdef NETCORE_BENCH_HAVE_LIBUV
+#include <uv.h>
+#endif
 
 namespace {
 
@@ -198,6 +212,106 @@ private:
     std::vector<std::thread> m_stl_Threads;
 };
 
+#ifdef NETCORE_BENCH_HAVE_LIBUV
+// libuv's own echo: one loop on its own thread, every read written straight back. uv_try_write
+// sends what the socket takes at once; only a remainder is copied into a queued uv_write.
+// Stop wakes the loop with a uv_async that closes every handle, so uv_run returns by itself.
+class LibuvEcho : public EchoServer {
+public:
+    const char* Name() const override { return "libuv"; }
+    bool Start(int nPort, int) override {
+        if (uv_loop_init(&m_st_Loop) != 0) return false;
+        m_st_Loop.data = this;
+        uv_tcp_init(&m_st_Loop, &m_st_Listen);
+        uv_async_init(&m_st_Loop, &m_st_Wake, OnWake);
+        sockaddr_in st_Addr{};
+        uv_ip4_addr("0.0.0.0", nPort, &st_Addr);
+        if (uv_tcp_bind(&m_st_Listen, reinterpret_cast<const sockaddr*>(&st_Addr), 0) != 0 ||
+            uv_listen(reinterpret_cast<uv_stream_t*>(&m_st_Listen), 128, OnConnection) != 0) {
+            // nothing runs yet: close the two handles here and let the loop finish them
+            uv_walk(&m_st_Loop, CloseHandle, nullptr);
+            uv_run(&m_st_Loop, UV_RUN_DEFAULT);
+            uv_loop_close(&m_st_Loop);
+            return false;
+        }
+        m_st_Thread = std::thread([this] { uv_run(&m_st_Loop, UV_RUN_DEFAULT); });
+        return true;
+    }
+    void Stop() override {
+        if (!m_st_Thread.joinable()) return;
+        uv_async_send(&m_st_Wake);
+        m_st_Thread.join();
+        if (uv_loop_close(&m_st_Loop) != 0) fprintf(stderr, "libuv: loop closed with handles left open\n");
+        m_nClients = 0;
+    }
+    int Clients() override { return m_nClients.load(); }
+
+private:
+    struct PendingWrite {
+        uv_write_t st_Request;
+        char tszData[1];  // the remainder, allocated past the end of the struct
+    };
+
+    static LibuvEcho* Self(uv_handle_t* pSt_Handle) { return static_cast<LibuvEcho*>(pSt_Handle->loop->data); }
+
+    static void OnWake(uv_async_t* pSt_Async) { uv_walk(pSt_Async->loop, CloseHandle, nullptr); }
+    static void CloseHandle(uv_handle_t* pSt_Handle, void*) {
+        if (uv_is_closing(pSt_Handle)) return;
+        LibuvEcho* pSt_Self = Self(pSt_Handle);
+        bool bOwned = pSt_Handle == reinterpret_cast<uv_handle_t*>(&pSt_Self->m_st_Listen) ||
+                      pSt_Handle == reinterpret_cast<uv_handle_t*>(&pSt_Self->m_st_Wake);
+        uv_close(pSt_Handle, bOwned ? nullptr : OnClientClosed);
+    }
+    static void OnClientClosed(uv_handle_t* pSt_Handle) {
+        Self(pSt_Handle)->m_nClients--;
+        delete reinterpret_cast<uv_tcp_t*>(pSt_Handle);
+    }
+    static void OnConnection(uv_stream_t* pSt_Listen, int nStatus) {
+        if (nStatus < 0) return;
+        auto* pSt_Client = new uv_tcp_t;
+        uv_tcp_init(pSt_Listen->loop, pSt_Client);
+        Self(reinterpret_cast<uv_handle_t*>(pSt_Listen))->m_nClients++;
+        auto* pSt_Stream = reinterpret_cast<uv_stream_t*>(pSt_Client);
+        if (uv_accept(pSt_Listen, pSt_Stream) != 0 || uv_read_start(pSt_Stream, OnAlloc, OnRead) != 0)
+            uv_close(reinterpret_cast<uv_handle_t*>(pSt_Client), OnClientClosed);
+    }
+    // One loop thread and each read consumed before the next allocation: one buffer serves all.
+    static void OnAlloc(uv_handle_t* pSt_Handle, size_t, uv_buf_t* pSt_Buf) {
+        LibuvEcho* pSt_Self = Self(pSt_Handle);
+        *pSt_Buf = uv_buf_init(pSt_Self->m_tszBuffer, sizeof(pSt_Self->m_tszBuffer));
+    }
+    static void OnRead(uv_stream_t* pSt_Stream, ssize_t nRead, const uv_buf_t* pSt_Buf) {
+        if (nRead < 0) {
+            uv_close(reinterpret_cast<uv_handle_t*>(pSt_Stream), OnClientClosed);
+            return;
+        }
+        if (nRead == 0) return;
+        uv_buf_t st_Buf = uv_buf_init(pSt_Buf->base, static_cast<unsigned int>(nRead));
+        int nSent = uv_try_write(pSt_Stream, &st_Buf, 1);
+        if (nSent == nRead) return;
+        if (nSent < 0 && nSent != UV_EAGAIN) {
+            uv_close(reinterpret_cast<uv_handle_t*>(pSt_Stream), OnClientClosed);
+            return;
+        }
+        size_t nDone = nSent > 0 ? static_cast<size_t>(nSent) : 0;
+        size_t nLeft = static_cast<size_t>(nRead) - nDone;
+        auto* pSt_Write = static_cast<PendingWrite*>(malloc(sizeof(PendingWrite) + nLeft));
+        memcpy(pSt_Write->tszData, pSt_Buf->base + nDone, nLeft);
+        uv_buf_t st_Left = uv_buf_init(pSt_Write->tszData, static_cast<unsigned int>(nLeft));
+        if (uv_write(&pSt_Write->st_Request, pSt_Stream, &st_Left, 1, OnWritten) != 0) free(pSt_Write);
+    }
+    // a failed write needs nothing here: the read side sees the error and closes the client
+    static void OnWritten(uv_write_t* pSt_Request, int) { free(pSt_Request); }
+
+    uv_loop_t m_st_Loop{};
+    uv_tcp_t m_st_Listen{};
+    uv_async_t m_st_Wake{};
+    std::thread m_st_Thread;
+    std::atomic<int> m_nClients{0};
+    char m_tszBuffer[65536];
+};
+#endif
+
 // ----- the load generator ------------------------------------------------------------------------
 
 struct Connection {
@@ -354,6 +468,124 @@ Result Drive(std::vector<Connection>& stl_Conns, int nSize, const Options& st_Op
     return st_Result;
 }
 
+// ----- the load generator's process ---------------------------------------------------------------
+
+enum class Op : int { Connect, Drive, Close, Quit };
+
+struct Command {
+    Op eOp = Op::Quit;
+    int nPort = 0;
+    int nConns = 0;
+    int nSize = 0;
+};
+
+bool WriteFull(int hFd, const void* lpData, size_t nLen) {
+    const char* lpszData = static_cast<const char*>(lpData);
+    while (nLen > 0) {
+        ssize_t nRet = write(hFd, lpszData, nLen);
+        if (nRet < 0 && errno == EINTR) continue;
+        if (nRet <= 0) return false;
+        lpszData += nRet;
+        nLen -= static_cast<size_t>(nRet);
+    }
+    return true;
+}
+
+bool ReadFull(int hFd, void* lpData, size_t nLen) {
+    char* lpszData = static_cast<char*>(lpData);
+    while (nLen > 0) {
+        ssize_t nRet = read(hFd, lpszData, nLen);
+        if (nRet < 0 && errno == EINTR) continue;
+        if (nRet <= 0) return false;
+        lpszData += nRet;
+        nLen -= static_cast<size_t>(nRet);
+    }
+    return true;
+}
+
+// The child's side: holds the client sockets between commands and answers each with a Result
+// (Connect and Close only fill bOk). Ends on Quit or when the parent goes away.
+[[noreturn]] void LoadGeneratorMain(int hCommands, int hReplies, const Options& st_Options) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    std::vector<Connection> stl_Conns;
+    Command st_Command;
+    while (ReadFull(hCommands, &st_Command, sizeof(st_Command)) && st_Command.eOp != Op::Quit) {
+        Result st_Result;
+        switch (st_Command.eOp) {
+            case Op::Connect:
+                stl_Conns.reserve(static_cast<size_t>(st_Command.nConns));
+                st_Result.bOk = ConnectAll(st_Command.nPort, st_Command.nConns, &stl_Conns);
+                break;
+            case Op::Drive:
+                st_Result = Drive(stl_Conns, st_Command.nSize, st_Options);
+                break;
+            case Op::Close:
+                CloseAll(&stl_Conns);
+                st_Result.bOk = true;
+                break;
+            case Op::Quit:
+                break;
+        }
+        if (!WriteFull(hReplies, &st_Result, sizeof(st_Result))) break;
+    }
+    CloseAll(&stl_Conns);
+    _exit(0);
+}
+
+// The parent's handle on the child. A child that stops answering ends the benchmark: every figure
+// after it would be meaningless.
+class LoadGenerator {
+public:
+    // Call before any server or thread exists: the child then starts from a single thread.
+    bool Spawn(const Options& st_Options) {
+        int thCommands[2], thReplies[2];
+        if (pipe2(thCommands, O_CLOEXEC) != 0 || pipe2(thReplies, O_CLOEXEC) != 0) return false;
+        fflush(nullptr);
+        m_nPid = fork();
+        if (m_nPid < 0) return false;
+        if (m_nPid == 0) {
+            close(thCommands[1]);
+            close(thReplies[0]);
+            LoadGeneratorMain(thCommands[0], thReplies[1], st_Options);
+        }
+        close(thCommands[0]);
+        close(thReplies[1]);
+        m_hCommands = thCommands[1];
+        m_hReplies = thReplies[0];
+        return true;
+    }
+    bool Connect(int nPort, int nConns) { return Ask({Op::Connect, nPort, nConns, 0}).bOk; }
+    Result Drive(int nSize) { return Ask({Op::Drive, 0, 0, nSize}); }
+    void CloseAll() { Ask({Op::Close, 0, 0, 0}); }
+    void Quit() {
+        if (m_nPid <= 0) return;
+        Command st_Command;
+        WriteFull(m_hCommands, &st_Command, sizeof(st_Command));
+        close(m_hCommands);
+        close(m_hReplies);
+        waitpid(m_nPid, nullptr, 0);
+        m_nPid = -1;
+    }
+
+private:
+    Result Ask(const Command& st_Command) {
+        Result st_Result;
+        if (!WriteFull(m_hCommands, &st_Command, sizeof(st_Command)) ||
+            !ReadFull(m_hReplies, &st_Result, sizeof(st_Result))) {
+            int nStatus = 0;
+            waitpid(m_nPid, &nStatus, 0);
+            fprintf(stderr, "the load generator process ended (status 0x%x); stopping\n", nStatus);
+            exit(1);
+        }
+        return st_Result;
+    }
+    pid_t m_nPid = -1;
+    int m_hCommands = -1;
+    int m_hReplies = -1;
+};
+
+// ----- the runs ----------------------------------------------------------------------------------
+
 bool WaitClients(EchoServer& st_Server, int nCount) {
     auto nDeadline = Clock::now() + std::chrono::seconds(20);
     while (st_Server.Clients() != nCount) {
@@ -363,18 +595,19 @@ bool WaitClients(EchoServer& st_Server, int nCount) {
     return true;
 }
 
-Result RunOnce(EchoServer& st_Server, int nConns, int nSize, const Options& st_Options) {
+bool StartOnFreePort(EchoServer& st_Server, const Options& st_Options, int* pInt_Port) {
+    for (int i = 0; i < 5; i++) {
+        if (st_Server.Start(*pInt_Port = FreePort(), st_Options.nThreads)) return true;
+    }
+    return false;
+}
+
+Result RunOnce(LoadGenerator& st_Load, EchoServer& st_Server, int nConns, int nSize, const Options& st_Options) {
     Result st_Result;
     int nPort = 0;
-    bool bStarted = false;
-    for (int i = 0; i < 5 && !bStarted; i++)
-        bStarted = st_Server.Start(nPort = FreePort(), st_Options.nThreads);
-    if (!bStarted) return st_Result;
-    std::vector<Connection> stl_Conns;
-    if (ConnectAll(nPort, nConns, &stl_Conns) && WaitClients(st_Server, nConns)) {
-        st_Result = Drive(stl_Conns, nSize, st_Options);
-    }
-    CloseAll(&stl_Conns);
+    if (!StartOnFreePort(st_Server, st_Options, &nPort)) return st_Result;
+    if (st_Load.Connect(nPort, nConns) && WaitClients(st_Server, nConns)) st_Result = st_Load.Drive(nSize);
+    st_Load.CloseAll();
     WaitClients(st_Server, 0);
     st_Server.Stop();
     return st_Result;
@@ -405,23 +638,20 @@ size_t HeapInUse() {
 #endif
 }
 
-// Heap bytes per idle connection held by the server (the load generator's sockets use none).
-void MeasureIdleMemory(EchoServer& st_Server, int nConns, const Options& st_Options) {
+// Heap bytes per idle connection held by the server. The client ends live in the other process,
+// so everything this process's heap gained while they connected is the server's.
+void MeasureIdleMemory(LoadGenerator& st_Load, EchoServer& st_Server, int nConns, const Options& st_Options) {
     int nPort = 0;
-    bool bStarted = false;
-    for (int i = 0; i < 5 && !bStarted; i++)
-        bStarted = st_Server.Start(nPort = FreePort(), st_Options.nThreads);
-    if (!bStarted) return;
-    std::vector<Connection> stl_Conns;
-    stl_Conns.reserve(nConns);
+    if (!StartOnFreePort(st_Server, st_Options, &nPort)) return;
     size_t nBefore = HeapInUse();
-    if (ConnectAll(nPort, nConns, &stl_Conns) && WaitClients(st_Server, nConns)) {
+    if (st_Load.Connect(nPort, nConns) && WaitClients(st_Server, nConns)) {
         size_t nAfter = HeapInUse();
-        // the load generator's own vector grew by nConns records; take it out
-        double dPerConn = (static_cast<double>(nAfter) - nBefore - nConns * sizeof(Connection)) / nConns;
+        double dPerConn = (static_cast<double>(nAfter) - static_cast<double>(nBefore)) / nConns;
         printf("  %-18s %6d idle connections: %7.0f heap bytes each\n", st_Server.Name(), nConns, dPerConn);
+    } else {
+        printf("  %-18s %6d idle connections: failed to connect them all\n", st_Server.Name(), nConns);
     }
-    CloseAll(&stl_Conns);
+    st_Load.CloseAll();
     WaitClients(st_Server, 0);
     st_Server.Stop();
 }
@@ -439,58 +669,77 @@ int main(int argc, char** argv) {
         if (strFlag == "--conns") st_Options.stl_Conns = ParseList(argv[i + 1]);
         if (strFlag == "--sizes") st_Options.stl_Sizes = ParseList(argv[i + 1]);
     }
-    // the clients and the server's sockets live in this one process
+    // a write to a client the load generator has reset must not kill the server process
+    signal(SIGPIPE, SIG_IGN);
+    // Each process holds one end of every connection. A privileged run may raise the hard limit
+    // too; otherwise take what the hard limit allows. The child inherits the limit.
     rlimit st_Limit{};
     getrlimit(RLIMIT_NOFILE, &st_Limit);
-    // a privileged run may raise the hard limit too; otherwise take what the hard limit allows
     rlimit st_Wanted{65536, std::max<rlim_t>(65536, st_Limit.rlim_max)};
     if (setrlimit(RLIMIT_NOFILE, &st_Wanted) != 0) {
         st_Limit.rlim_cur = st_Limit.rlim_max;
         setrlimit(RLIMIT_NOFILE, &st_Limit);
     }
     getrlimit(RLIMIT_NOFILE, &st_Limit);
-    int nMaxConns = static_cast<int>(std::min<rlim_t>(st_Limit.rlim_cur, 1 << 20) / 2) - 64;
+    int nMaxConns = static_cast<int>(std::min<rlim_t>(st_Limit.rlim_cur, 1 << 20)) - 64;
 
-    NetCoreEcho st_NetCore;
+    LoadGenerator st_Load;
+    if (!st_Load.Spawn(st_Options)) {
+        fprintf(stderr, "cannot start the load generator process: %s\n", strerror(errno));
+        return 1;
+    }
+
     MinimalEcho st_Minimal;
+    NetCoreEcho st_NetCore;
+    std::vector<EchoServer*> stl_Servers{&st_Minimal, &st_NetCore};  // the reference first
+#ifdef NETCORE_BENCH_HAVE_LIBUV
+    LibuvEcho st_Libuv;
+    stl_Servers.push_back(&st_Libuv);
+#endif
     printf(
-        "echo benchmark on 127.0.0.1: %d server threads, 2 client threads, %d in flight per connection, "
-        "%.1f s x %d (median)\n",
+        "echo benchmark on 127.0.0.1: %d server threads, 2 client threads in a separate process, %d in flight per "
+        "connection, %.1f s x %d (median)\n",
         st_Options.nThreads, st_Options.nInflight, st_Options.dSeconds, st_Options.nRepeat);
+#ifdef NETCORE_BENCH_HAVE_LIBUV
+    printf("libuv %s: one loop on one thread\n", uv_version_string());
+#else
+    printf("libuv server not built: libuv was not found when the benchmark was configured\n");
+#endif
     printf("%-7s %-6s %-18s %12s %9s %10s %10s   %s\n", "conns", "size", "server", "msgs/s", "MB/s", "p50 us", "p99 us",
            "ratio to minimal (msgs/s, p50, p99)");
     for (int nConns : st_Options.stl_Conns) {
         if (nConns > nMaxConns) {
-            printf("%-7d skipped: needs %d descriptors, the limit allows %d connections\n", nConns, nConns * 2 + 64,
-                   nMaxConns);
+            printf("%-7d skipped: needs %d descriptors per process, the limit allows %d connections\n", nConns,
+                   nConns + 64, nMaxConns);
             continue;
         }
         for (int nSize : st_Options.stl_Sizes) {
-            std::vector<Result> stl_Mine, stl_Ref;
+            std::vector<std::vector<Result>> stl_Results(stl_Servers.size());
             for (int r = 0; r < st_Options.nRepeat; r++) {
-                stl_Ref.push_back(RunOnce(st_Minimal, nConns, nSize, st_Options));
-                stl_Mine.push_back(RunOnce(st_NetCore, nConns, nSize, st_Options));
+                for (size_t s = 0; s < stl_Servers.size(); s++)
+                    stl_Results[s].push_back(RunOnce(st_Load, *stl_Servers[s], nConns, nSize, st_Options));
             }
-            Result st_Ref = Median(stl_Ref), st_Mine = Median(stl_Mine);
-            for (auto* pPair : {&st_Ref, &st_Mine}) {
-                bool bMine = pPair == &st_Mine;
-                printf("%-7d %-6d %-18s %12.0f %9.2f %10.0f %10.0f", nConns, nSize,
-                       bMine ? st_NetCore.Name() : st_Minimal.Name(), pPair->dMessages, pPair->dMBytes, pPair->dP50,
-                       pPair->dP99);
-                if (bMine && st_Ref.dMessages > 0) {
-                    printf("   %.3f  %.3f  %.3f", pPair->dMessages / st_Ref.dMessages,
-                           st_Ref.dP50 > 0 ? pPair->dP50 / st_Ref.dP50 : 0,
-                           st_Ref.dP99 > 0 ? pPair->dP99 / st_Ref.dP99 : 0);
+            Result st_Ref = Median(stl_Results[0]);
+            for (size_t s = 0; s < stl_Servers.size(); s++) {
+                Result st_Median = s == 0 ? st_Ref : Median(stl_Results[s]);
+                printf("%-7d %-6d %-18s %12.0f %9.2f %10.0f %10.0f", nConns, nSize, stl_Servers[s]->Name(),
+                       st_Median.dMessages, st_Median.dMBytes, st_Median.dP50, st_Median.dP99);
+                if (s > 0 && st_Ref.dMessages > 0) {
+                    printf("   %.3f  %.3f  %.3f", st_Median.dMessages / st_Ref.dMessages,
+                           st_Ref.dP50 > 0 ? st_Median.dP50 / st_Ref.dP50 : 0,
+                           st_Ref.dP99 > 0 ? st_Median.dP99 / st_Ref.dP99 : 0);
                 }
-                printf("%s\n", pPair->bOk ? "" : "   (errors)");
+                printf("%s\n", st_Median.bOk ? "" : "   (errors)");
+                fflush(stdout);
             }
         }
     }
-    printf("memory per idle connection (heap in use, user space only)\n");
+    printf("memory per idle connection (server process heap in use, user space only)\n");
     for (int nConns : {1000, 10000}) {
         if (nConns > nMaxConns) continue;
-        MeasureIdleMemory(st_NetCore, nConns, st_Options);
-        MeasureIdleMemory(st_Minimal, nConns, st_Options);
+        for (EchoServer* pSt_Server : stl_Servers)
+            MeasureIdleMemory(st_Load, *pSt_Server, nConns, st_Options);
     }
+    st_Load.Quit();
     return 0;
 }
