@@ -115,6 +115,463 @@ NETCORE_API bool NetCore_Socket_SetBufferSize(int hSocket, int nSendBuf, int nRe
 NETCORE_API bool NetCore_Socket_IOSelect(int hSocket, bool bRead, int nTimeOut);
 
 /* ------------------------------------------------------------------------------------------------
+ * Heartbeat supervision (SocketOpt_HeartBeat_*Ex)
+ *
+ * A supervisor keeps peers by address text (bIsAddr true) or by socket number and reports the
+ * ones that stop refreshing: a peer is counted once per nTimeOut seconds of silence and leaves
+ * at the first check after nTimeNumber counted intervals, about (nTimeNumber + 1) * nTimeOut
+ * seconds after its last activity. The leave callback runs on the supervisor's own thread with
+ * (address or null, socket or 0, leave code, lParam); without a callback, timed-out peers stay
+ * marked in the table and are fetched with SocketOpt_HeartBeat_GetTimeOutEx.
+ *
+ * Kept as callers know them: InsertSocketEx needs a socket-mode supervisor while ActiveSocketEx
+ * and DeleteSocketEx succeed only in address mode; GetLoadAttrEx looks the socket up when an
+ * address is given and the address up when none is (pass any non-null address to reach a socket
+ * peer); SetLoadAttrEx can store a spacing but never switches evaluation on.
+ * --------------------------------------------------------------------------------------------- */
+
+#define ERROR_NETCORE_HEARTBEAT_INIT_THREAD 0x020A6201
+#define ERROR_NETCORE_HEARTBEAT_INSERTADDR_NOTRUN 0x020A6220
+#define ERROR_NETCORE_HEARTBEAT_INSERTADDR_MODE 0x020A6221
+#define ERROR_NETCORE_HEARTBEAT_INSERTADDR_PARAMENT 0x020A6222
+#define ERROR_NETCORE_HEARTBEAT_INSERTSOCKET_NOTRUN 0x020A6230
+#define ERROR_NETCORE_HEARTBEAT_INSERTSOCKET_MODE 0x020A6231
+#define ERROR_NETCORE_HEARTBEAT_INSERTSOCKET_PARAMENT 0x020A6232
+#define ERROR_NETCORE_HEARTBEAT_ACTIVEADDR_PARAMENT 0x020A6240
+#define ERROR_NETCORE_HEARTBEAT_ACTIVEADDR_NOTRUN 0x020A6241
+#define ERROR_NETCORE_HEARTBEAT_ACTIVEADDR_MODE 0x020A6242
+#define ERROR_NETCORE_HEARTBEAT_ACTIVEADDR_NOTFOUND 0x020A6243
+#define ERROR_NETCORE_HEARTBEAT_ACTIVESOCKET_NOTRUN 0x020A6250
+#define ERROR_NETCORE_HEARTBEAT_ACTIVESOCKET_MODE 0x020A6251
+#define ERROR_NETCORE_HEARTBEAT_ACTIVESOCKET_PARAMENT 0x020A6252
+#define ERROR_NETCORE_HEARTBEAT_ACTIVESOCKET_NOTFOUND 0x020A6253
+#define ERROR_NETCORE_HEARTBEAT_DELETEADDR_PARAMENT 0x020A6260
+#define ERROR_NETCORE_HEARTBEAT_DELETEADDR_NOTFOUND 0x020A6261
+#define ERROR_NETCORE_HEARTBEAT_DELETEADDR_NOTRUN 0x020A6262
+#define ERROR_NETCORE_HEARTBEAT_DELETEADDR_MODE 0x020A6263
+#define ERROR_NETCORE_HEARTBEAT_DELETESOCKET_NOTRUN 0x020A6270
+#define ERROR_NETCORE_HEARTBEAT_DELETESOCKET_MODE 0x020A6271
+#define ERROR_NETCORE_HEARTBEAT_DELETESOCKET_PARAMENT 0x020A6272
+#define ERROR_NETCORE_HEARTBEAT_DELETESOCKET_NOTFOUND 0x020A6273
+#define ERROR_NETCORE_HEARTBEAT_GETTIMEOUT_PARAMENT 0x020A6280
+#define ERROR_NETCORE_HEARTBEAT_GETTIMEOUT_CALLBACK 0x020A6281
+#define ERROR_NETCORE_HEARTBEAT_GETTIMEOUT_EMPTY 0x020A6282
+#define ERROR_NETCORE_HEARTBEAT_GETTIMEOUT_NOTRUN 0x020A6283
+#define ERROR_NETCORE_HEARTBEAT_FORCEOUT_PARAMENT 0x020A6290
+#define ERROR_NETCORE_HEARTBEAT_FORCEOUT_NOTFOUND 0x020A6291
+#define ERROR_NETCORE_HEARTBEAT_SETLOADATTR_PARAMENT 0x020A62A0
+#define ERROR_NETCORE_HEARTBEAT_GETLOADATTR_PARAMENT 0x020A62A1
+#define ERROR_NETCORE_HEARTBEAT_GETLOADATTR_NOTFOUND 0x020A62A2
+#define ERROR_NETCORE_HEARTBEAT_GETADDR_PARAMENT 0x020A62B0
+#define ERROR_NETCORE_HEARTBEAT_GETADDR_NOTFOUND 0x020A62B1
+#define ERROR_NETCORE_HEARTBEAT_GETSOCKET_NOTFOUND 0x020A62C0
+#define ERROR_NETCORE_HEARTBEAT_INITEX_MALLOC 0x020A62F0
+#define ERROR_NETCORE_HEARTBEAT_EX_HANDLE 0x020A62F1
+
+/* The heartbeat payload: 144 bytes the sender fills as it likes, then five load percentages.
+ * 154 bytes, byte-packed, host byte order. */
+#pragma pack(push, 1)
+typedef struct tag_Obmrelt_Protocol_HeartBeat {
+    unsigned char byHeader[144];
+    unsigned short wLoadRate[5];
+} tag_Obmrelt_Protocol_HeartBeat;
+#pragma pack(pop)
+
+/* raw load figures of the last evaluation */
+typedef struct tag_NetCore_SockOpt_LoadRate {
+    unsigned int nRate1;
+    unsigned int nRate2;
+    unsigned int nRate3;
+    unsigned int nRate4;
+    unsigned int nRate5;
+} NETCORE_SOCKOPT_LOADRATE;
+
+/* load levels, 1 (idle) to 5 (saturated), 0 while never evaluated */
+typedef struct tag_NetCore_SockOpt_HBLoad {
+    unsigned int nLevel1;
+    unsigned int nLevel2;
+    unsigned int nLevel3;
+    unsigned int nLevel4;
+    unsigned int nLevel5;
+} NETCORE_SOCKOPT_HBLOAD;
+
+/* leave callback: (address or null, socket or 0, leave code, lParam) */
+typedef void (*CALLBACK_NETCORE_SOCKOPT_HEARTBEAT_EVENT)(const char* lpszClientAddr, int hSocket, int nLeaveCode,
+                                                        void* lParam);
+
+/* Creates and starts a supervisor; null on failure. nTimeOut seconds per interval (0: every pass
+ * of the thread, about every millisecond, counts), nTimeNumber intervals tolerated. */
+NETCORE_API void* SocketOpt_HeartBeat_InitEx(int nTimeOut, int nTimeNumber,
+                                             CALLBACK_NETCORE_SOCKOPT_HEARTBEAT_EVENT fpCall_HeartBeatEvent,
+                                             void* lParam, bool bIsAddr);
+/* Stops the thread (a callback may call it for its own supervisor), empties the tables and frees
+ * the supervisor. */
+NETCORE_API bool SocketOpt_HeartBeat_DestoryEx(void* xhNet);
+/* Expels a peer on the thread's next pass with nLeaveCode; bAdd also expels an unknown one. The
+ * report reaches the callback whether or not one was installed at Init (none: nothing is called). */
+NETCORE_API bool SocketOpt_HeartBeat_ForceOutAddrEx(void* xhNet, const char* lpszClientAddr, int nLeaveCode, bool bAdd);
+/* In socket mode an expelled socket stays in the table and is reported again on every pass. */
+NETCORE_API bool SocketOpt_HeartBeat_ForceOutSktEx(void* xhNet, int hSocket, int nLeaveCode, bool bAdd);
+NETCORE_API bool SocketOpt_HeartBeat_InsertAddrEx(void* xhNet, const char* lpszClientAddr);
+NETCORE_API bool SocketOpt_HeartBeat_InsertSocketEx(void* xhNet, int hSocket);
+/* Refreshes a peer; a non-null pSt_ProtocolHeartBeat is stored as its latest payload. */
+NETCORE_API bool SocketOpt_HeartBeat_ActiveAddrEx(void* xhNet, const char* lpszClientAddr,
+                                                  tag_Obmrelt_Protocol_HeartBeat* pSt_ProtocolHeartBeat);
+NETCORE_API bool SocketOpt_HeartBeat_ActiveSocketEx(void* xhNet, int hSocket,
+                                                    tag_Obmrelt_Protocol_HeartBeat* pSt_ProtocolHeartBeat);
+NETCORE_API bool SocketOpt_HeartBeat_DeleteAddrEx(void* xhNet, const char* lpszClientAddr);
+NETCORE_API bool SocketOpt_HeartBeat_DeleteSocketEx(void* xhNet, int hSocket);
+/* Seconds since the peer's last activity (or last counted interval) into *pInt_Timer if non-null. */
+NETCORE_API bool SocketOpt_HeartBeat_GetAddrEx(void* xhNet, const char* lpszClientAddr, long long* pInt_Timer);
+NETCORE_API bool SocketOpt_HeartBeat_GetSocketEx(void* xhNet, int hSocket, long long* pInt_Timer);
+/* Polling without a callback: the first timed-out peer (address into ptszClientAddr, at least 64
+ * characters, or socket into *phSocket, by mode). It stays in the table until deleted. */
+NETCORE_API bool SocketOpt_HeartBeat_GetTimeOutEx(void* xhNet, char* ptszClientAddr, int* phSocket);
+NETCORE_API bool SocketOpt_HeartBeat_SetLoadAttrEx(void* xhNet, int nTime, bool bLoad);
+NETCORE_API bool SocketOpt_HeartBeat_GetLoadAttrEx(void* xhNet, const char* lpszClientAddr, int hSocket,
+                                                   NETCORE_SOCKOPT_HBLOAD* pSt_HBLoad,
+                                                   NETCORE_SOCKOPT_LOADRATE* pSt_LoadRate);
+
+/* ------------------------------------------------------------------------------------------------
+ * Unix-domain socket server (NetCore_UnixDomain_*)
+ *
+ * One server per process on a socket bound to a file-system path, in stream mode (one receive
+ * thread per accepted peer, peers named by their socket) or datagram mode (one receive loop,
+ * peers named by their own socket paths). The path must be shorter than 108 bytes: a longer one
+ * is refused (ERROR_NETCORE_UNIXDOMAIN_START_BIND, or ERROR_NETCORE_UNIXDOMAIN_SEND_FAILED as a
+ * datagram destination) with errno ENAMETOOLONG.
+ *
+ * The address text handed to the callbacks is always the empty string: identify stream peers by
+ * their socket and datagram peers by a reply path of your own protocol.
+ * --------------------------------------------------------------------------------------------- */
+
+#define ERROR_NETCORE_UNIXDOMAIN_START_PARAMENT 0x020A7001
+#define ERROR_NETCORE_UNIXDOMAIN_START_SOCKET 0x020A7002
+#define ERROR_NETCORE_UNIXDOMAIN_START_BIND 0x020A7003
+#define ERROR_NETCORE_UNIXDOMAIN_START_LISTEN 0x020A7004
+#define ERROR_NETCORE_UNIXDOMAIN_START_THREAD 0x020A7005
+#define ERROR_NETCORE_UNIXDOMAIN_SEND_PARAMENT 0x020A7010
+#define ERROR_NETCORE_UNIXDOMAIN_SEND_NOTFOUND 0x020A7011
+#define ERROR_NETCORE_UNIXDOMAIN_SEND_FAILED 0x020A7012
+#define ERROR_NETCORE_UNIXDOMAIN_SEND_LEN 0x020A7013
+
+/* A stream peer was accepted (address text, peer socket, user argument). The result is not
+ * used: returning false does not refuse the peer. */
+typedef bool (*CALLBACK_NETCORE_UNIXDOMAIN_ACCEPT)(const char* lpszClientAddr, int hSocket, void* lParam);
+/* Data arrived: from a stream peer (its socket), or as one datagram of up to 2048 bytes (the
+ * server's own socket; longer datagrams are cut). */
+typedef void (*CALLBACK_NETCORE_UNIXDOMAIN_RECV)(const char* lpszClientAddr, int hSocket, const char* lpszRecvMsg,
+                                                 int nMsgLen, void* lParam);
+/* A stream peer closed its end. Called only while a receive callback is set, and given the
+ * receive callback's user argument. */
+typedef void (*CALLBACK_NETCORE_UNIXDOMAIN_LEAVE)(const char* lpszClientAddr, int hSocket, void* lParam);
+
+/* Binds lpszUnixName (an existing file there makes bind fail) and starts the accept (or datagram
+ * receive) thread and the close thread. Set the callbacks first: a stream peer accepted while no
+ * accept callback is set gets a receive thread but is never entered in the peer table, so Send
+ * and Remove do not find it. */
+NETCORE_API bool NetCore_UnixDomain_Start(const char* lpszUnixName, bool bStream);
+/* Any callback may be null. Always true. */
+NETCORE_API bool NetCore_UnixDomain_SetCallback(CALLBACK_NETCORE_UNIXDOMAIN_ACCEPT fpCallAccept,
+                                                CALLBACK_NETCORE_UNIXDOMAIN_RECV fpCallRecv,
+                                                CALLBACK_NETCORE_UNIXDOMAIN_LEAVE fpCallLeave, void* lPAccept,
+                                                void* lPRecv, void* lPLeave);
+/* Stream mode: sends to the peer hSocket (lpszClientAddr ignored) once it is writable within
+ * 100 ms; if it is not, the call fails with the readiness wait's code and keeps its shared hold
+ * on the peer table, so that every later Remove, Stop and accepted peer waits for good. Datagram
+ * mode: sends from the server's socket to the path lpszClientAddr (hSocket ignored). No retry of
+ * a partial send. */
+NETCORE_API bool NetCore_UnixDomain_Send(int hSocket, const char* lpszMsgBuffer, int nMsgLen,
+                                         const char* lpszClientAddr);
+/* Closes a stream peer and frees it; true also for an unknown socket. A peer that closes its end
+ * is removed by the close thread within about a second. */
+NETCORE_API bool NetCore_UnixDomain_Remove(int hSocket);
+/* Stops the threads, closes every peer and unlinks the socket path. Safe without a Start and
+ * from inside a callback. Always true. */
+NETCORE_API bool NetCore_UnixDomain_Stop(void);
+
+/* ------------------------------------------------------------------------------------------------
+ * Pipes (NetCore_PIPAnonymous_*, NetCore_PIPNamed_*)
+ *
+ * Byte channels known by a name: anonymous pipes (a pipe() pair named inside the process, shared
+ * with children forked after Create) and named pipes (FIFOs in the file system, created or
+ * opened by path, read-write and non-blocking). The mailslot registry is a class only
+ * (CNetCore_PIPMailSlot, its codes below): its operations move no data on this platform.
+ * --------------------------------------------------------------------------------------------- */
+
+#define ERROR_NETCORE_PIPE_ANONYMOUS_PARAMENT 0x020A1200
+#define ERROR_NETCORE_PIPE_ANONYMOUS_READEND 0x020A1201
+#define ERROR_NETCORE_PIPE_ANONYMOUS_WRITEEND 0x020A1202
+#define ERROR_NETCORE_PIPE_ANONYMOUS_RESERVED 0x020A1203
+#define ERROR_NETCORE_PIPE_ANONYMOUS_CREATE 0x020A1204
+#define ERROR_NETCORE_PIPE_ANONYMOUS_READ_PARAMENT 0x020A1210
+#define ERROR_NETCORE_PIPE_ANONYMOUS_READ_NOTFOUND 0x020A1211
+#define ERROR_NETCORE_PIPE_ANONYMOUS_READ_FAILED 0x020A1212
+#define ERROR_NETCORE_PIPE_ANONYMOUS_WRITE_PARAMENT 0x020A1220
+#define ERROR_NETCORE_PIPE_ANONYMOUS_WRITE_NOTFOUND 0x020A1221
+#define ERROR_NETCORE_PIPE_ANONYMOUS_WRITE_FAILED 0x020A1222
+#define ERROR_NETCORE_PIPE_ANONYMOUS_WRITE_LEN 0x020A1223
+#define ERROR_NETCORE_PIPE_NAMED_PARAMENT 0x020A1300
+#define ERROR_NETCORE_PIPE_NAMED_MKFIFO 0x020A1301
+#define ERROR_NETCORE_PIPE_NAMED_OPEN 0x020A1302
+#define ERROR_NETCORE_PIPE_NAMED_READ_PARAMENT 0x020A1310
+#define ERROR_NETCORE_PIPE_NAMED_READ_NOTFOUND 0x020A1311
+#define ERROR_NETCORE_PIPE_NAMED_READ_FAILED 0x020A1313
+#define ERROR_NETCORE_PIPE_NAMED_WRITE_PARAMENT 0x020A1320
+#define ERROR_NETCORE_PIPE_NAMED_WRITE_NOTFOUND 0x020A1321
+#define ERROR_NETCORE_PIPE_NAMED_WRITE_FAILED 0x020A1323
+#define ERROR_NETCORE_PIPE_NAMED_WRITE_LEN 0x020A1324
+#define ERROR_NETCORE_PIPE_NAMED_OPEN_PARAMENT 0x020A1330
+#define ERROR_NETCORE_PIPE_NAMED_OPEN_FAILED 0x020A1332
+#define ERROR_NETCORE_PIPE_NAMED_WAIT_PARAMENT 0x020A1340
+#define ERROR_NETCORE_PIPE_MAILSLOT_PARAMENT 0x020A1401
+#define ERROR_NETCORE_PIPE_MAILSLOT_READ_PARAMENT 0x020A1410
+#define ERROR_NETCORE_PIPE_MAILSLOT_READ_NOTFOUND 0x020A1411
+#define ERROR_NETCORE_PIPE_MAILSLOT_WRITE_PARAMENT 0x020A1420
+#define ERROR_NETCORE_PIPE_MAILSLOT_WRITE_NOTFOUND 0x020A1421
+#define ERROR_NETCORE_PIPE_MAILSLOT_OPEN_PARAMENT 0x020A1430
+#define ERROR_NETCORE_PIPE_MAILSLOT_SETATTR_PARAMENT 0x020A1440
+#define ERROR_NETCORE_PIPE_MAILSLOT_GETATTR_PARAMENT 0x020A1450
+
+/* Creates a blocking pipe() pair under lpszPipeName; an existing name keeps its pipe (and the
+ * call still returns true). pulReserved is not used. */
+NETCORE_API bool NetCore_PIPAnonymous_Create(const char* lpszPipeName, unsigned long* pulReserved);
+/* One read of at most *pInt_Len bytes; *pInt_Len receives the count. It blocks until data
+ * arrive and holds the family's lock meanwhile: a Write from another thread of this process
+ * waits for it, so feed the pipe from another process (a child) or write before reading. */
+NETCORE_API bool NetCore_PIPAnonymous_Read(const char* lpszPipeName, char* ptszMsgBuffer, int* pInt_Len);
+/* One write of nMsgLen bytes; a short write fails with ERROR_NETCORE_PIPE_ANONYMOUS_WRITE_LEN. */
+NETCORE_API bool NetCore_PIPAnonymous_Write(const char* lpszPipeName, const char* lpszMsgBuffer, int nMsgLen);
+/* Closes both ends and forgets the name. Always true. */
+NETCORE_API bool NetCore_PIPAnonymous_Close(const char* lpszPipeName);
+
+/* mkfifo(lpszPipeName, 0777) (an existing path fails) and opens it read-write, non-blocking.
+ * This call sets NetCore_IsErrorOccur on entry and leaves it set even when it succeeds: judge
+ * it by its result. */
+NETCORE_API bool NetCore_PIPNamed_Create(const char* lpszPipeName);
+/* Opens an existing FIFO read-write, non-blocking. */
+NETCORE_API bool NetCore_PIPNamed_OPen(const char* lpszPipeName);
+/* A FIFO opened read-write needs no connection wait: true at once for any non-null path. */
+NETCORE_API bool NetCore_PIPNamed_WaitConnect(const char* lpszPipeName);
+/* One non-blocking read: with nothing in the FIFO it fails at once with
+ * ERROR_NETCORE_PIPE_NAMED_READ_FAILED (errno EAGAIN). */
+NETCORE_API bool NetCore_PIPNamed_Read(const char* lpszPipeName, char* ptszMsgBuffer, int* pInt_Len);
+NETCORE_API bool NetCore_PIPNamed_Write(const char* lpszPipeName, const char* lpszMsgBuffer, int nMsgLen);
+/* Closes the FIRST stored FIFO, whatever path is passed (unlinking it if this process created
+ * it). Always true. */
+NETCORE_API bool NetCore_PIPNamed_Close(const char* lpszPipeName);
+
+/* ------------------------------------------------------------------------------------------------
+ * Shared memory (NetCore_PIPMMap_*, NetCore_PIPIpc_*)
+ *
+ * PIPMMap: shared anonymous mappings known by a name inside the process, reachable from children
+ * forked after Create. A file named at Create is only created and held open: the region is never
+ * backed by it. Offsets are not checked against the region's size, and a Write or Read reaching
+ * past the region is not refused; the bytes beyond it are not stored and read back as zero.
+ *
+ * PIPIpc: a thin layer over System V shared memory segments (shmget with IPC_PRIVATE, shmat,
+ * shmdt, shmctl). Android does not give applications System V shared memory: there Create fails
+ * with ERROR_NETCORE_PIPE_IPC_SHMGET and OPen with ERROR_NETCORE_PIPE_IPC_OPEN (errno ENOSYS),
+ * Get returns (void*)-1, and Free and Close do nothing.
+ *
+ * Note: the six PIPMMap codes from READ_PARAMENT on have one hexadecimal digit fewer than the
+ * others (0x0020A1x0); use the names.
+ * --------------------------------------------------------------------------------------------- */
+
+#define ERROR_NETCORE_PIPE_IPC_PARAMENT 0x020A1001
+#define ERROR_NETCORE_PIPE_IPC_SIZE 0x020A1002
+#define ERROR_NETCORE_PIPE_IPC_SHMGET 0x020A1003
+#define ERROR_NETCORE_PIPE_IPC_OPEN 0x020A1010
+#define ERROR_NETCORE_PIPE_MMAP_PARAMENT 0x020A1101
+#define ERROR_NETCORE_PIPE_MMAP_OPENFILE 0x020A1102
+#define ERROR_NETCORE_PIPE_MMAP_MAP 0x020A1103
+#define ERROR_NETCORE_PIPE_MMAP_WRITE_PARAMENT 0x020A1110
+#define ERROR_NETCORE_PIPE_MMAP_WRITE_NOTFOUND 0x020A1111
+#define ERROR_NETCORE_PIPE_MMAP_READ_PARAMENT 0x0020A120
+#define ERROR_NETCORE_PIPE_MMAP_READ_NOTFOUND 0x0020A121
+#define ERROR_NETCORE_PIPE_MMAP_OPEN_PARAMENT 0x0020A130
+#define ERROR_NETCORE_PIPE_MMAP_GETPTR_PARAMENT 0x0020A140
+#define ERROR_NETCORE_PIPE_MMAP_GETPTR_NOTFOUND 0x0020A141
+#define ERROR_NETCORE_PIPE_MMAP_GETPTR_NULL 0x0020A142
+#define ERROR_NETCORE_PIPE_MMAP_FREEPTR_PARAMENT 0x0020A150
+
+/* Maps nSize bytes (shared, anonymous) under lpszName; lpszFile, if not null, is opened (created
+ * with mode 0777 before the umask) and held until Close. An existing name keeps its region. */
+NETCORE_API bool NetCore_PIPMMap_Create(const char* lpszName, const char* lpszFile, int nSize);
+/* Copies nLen bytes to the region at offset nPos. This call sets NetCore_IsErrorOccur on entry
+ * and leaves it set even when it succeeds: judge it by its result. */
+NETCORE_API bool NetCore_PIPMMap_Write(const char* lpszName, void* lPBuffer, int nLen, int nPos);
+/* Copies nLen bytes from the region at offset nPos. */
+NETCORE_API bool NetCore_PIPMMap_Read(const char* lpszName, void* lPBuffer, int nLen, int nPos);
+/* The region's base address, valid until Close; null on failure. */
+NETCORE_API void* NetCore_PIPMMap_GetPointer(const char* lpszName);
+/* Checks the name only; nothing to free. */
+NETCORE_API bool NetCore_PIPMMap_FreePointer(const char* lpszName);
+/* Checks the name only; a region is reached by its name in this process or a forked child. */
+NETCORE_API bool NetCore_PIPMMap_OPen(const char* lpszName);
+/* Unmaps the region, closes its file and forgets the name. Always true. */
+NETCORE_API bool NetCore_PIPMMap_Close(const char* lpszName);
+
+/* Creates a private segment of nSize bytes, a whole multiple of the page size (0 passes that
+ * test and then fails in shmget), and stores its identifier in *phShm. Another process learns
+ * the identifier from its creator (a forked child inherits it). */
+NETCORE_API bool NetCore_PIPIpc_Create(int* phShm, int nSize);
+/* Tells whether a segment exists under the KEY hShm (shmget(hShm, 0, 0)); the identifier found
+ * is not returned. Segments made by Create have no key. */
+NETCORE_API bool NetCore_PIPIpc_OPen(int hShm);
+/* Attaches the segment; returns what shmat returns, (void*)-1 on failure, with no code set. */
+NETCORE_API void* NetCore_PIPIpc_Get(int hShm);
+/* Detaches an address from Get. Always true. */
+NETCORE_API bool NetCore_PIPIpc_Free(void* lPBase);
+/* Marks the segment for removal (once the last process detaches). Always true. */
+NETCORE_API bool NetCore_PIPIpc_Close(int hShm);
+
+/* ------------------------------------------------------------------------------------------------
+ * TCP servers on poll() and select() (NetCore_TCPXPoll_*, NetCore_TCPSelect_*)
+ *
+ * Two single-instance TCP servers. Clients are named by their address text "%s:%d" (the address
+ * as inet_ntop gives it, IPv6 not bracketed, and the port). nIPVer 2 means IPv4, any other value
+ * IPv6. The callbacks run on the servers' own threads:
+ *   login (address, socket, context): its result is ignored;
+ *   receive (address, socket, data, length, context);
+ *   leave (address, socket, context).
+ * The client lists of GetList are nCount rows of 128 characters allocated through
+ * BaseLib_OperatorMemory_Malloc; the caller releases them with BaseLib_OperatorMemory_Free and
+ * the same count.
+ * --------------------------------------------------------------------------------------------- */
+
+typedef bool (*CALLBACK_NETCORE_TCPSERVER_LOGIN)(const char* lpszClientAddr, int hSocket, void* lParam);
+typedef void (*CALLBACK_NETCORE_TCPSERVER_RECV)(const char* lpszClientAddr, int hSocket, const char* lpszMsgBuffer,
+                                                int nMsgLen, void* lParam);
+typedef void (*CALLBACK_NETCORE_TCPSERVER_LEAVE)(const char* lpszClientAddr, int hSocket, void* lParam);
+
+/* select() server; the two GetList codes are also those of the poll() server's GetList */
+#define ERROR_NETCORE_TCPSELECT_START_ISRUN 0x020A4101
+#define ERROR_NETCORE_TCPSELECT_START_MAINTHREAD 0x020A4107
+#define ERROR_NETCORE_TCPSELECT_START_CLOSETHREAD 0x020A4108
+#define ERROR_NETCORE_TCPSELECT_SEND_NOTFOUND 0x020A4110
+#define ERROR_NETCORE_TCPSELECT_GETLIST_PARAMENT 0x020A4120
+#define ERROR_NETCORE_TCPSELECT_GETLIST_EMPTY 0x020A4121
+#define ERROR_NETCORE_TCPSELECT_GETFLOW_PARAMENT 0x020A4160
+#define ERROR_NETCORE_TCPSELECT_READIOEVENT_PARAMENT 0x020A4170
+#define ERROR_NETCORE_TCPSELECT_READIOEVENT_EMPTY 0x020A4171
+#define ERROR_NETCORE_TCPSELECT_READIOEVENT_CALLBACK 0x020A4172
+#define ERROR_NETCORE_TCPSELECT_READIOEVENT_NOTFOUND 0x020A4173
+
+/* poll() server */
+#define ERROR_NETCORE_TCPXPOLL_START_ISRUN 0x020A4201
+#define ERROR_NETCORE_TCPXPOLL_START_THREAD 0x020A4202 /* written with NetCore_IsErrorOccur left false */
+#define ERROR_NETCORE_TCPXPOLL_IO_TIMEOUT 0x020A4210
+#define ERROR_NETCORE_TCPXPOLL_IO_POLL 0x020A4211
+#define ERROR_NETCORE_TCPXPOLL_IO_MALLOC 0x020A4212
+#define ERROR_NETCORE_TCPXPOLL_SELECT_MALLOC 0x020A4220
+#define ERROR_NETCORE_TCPXPOLL_SELECT_THREAD 0x020A4221
+#define ERROR_NETCORE_TCPXPOLL_SEND_NOTFOUND 0x020A4230
+#define ERROR_NETCORE_TCPXPOLL_SEND_SOCKET 0x020A4231
+#define ERROR_NETCORE_TCPXPOLL_REGISTERCALLBACK_PARAMENT 0x020A4240
+
+/* One accept thread; clients are served in groups of up to 64 (65 at most), one receive thread
+ * and one poll() per group. Admission: a client is refused (login callback with socket 0, then
+ * closed) when more than nMaxClient clients are already connected, so nMaxClient + 1 are
+ * admitted. A client of a group is treated as departed (leave callback, then closed) when an
+ * event of a later client of its group wakes the group while it has none of its own. */
+NETCORE_API bool NetCore_TCPXPoll_Start(int nPort, int nMaxClient, int nIPVer);
+/* All three callbacks are required; a null context keeps the one stored before. */
+NETCORE_API bool NetCore_TCPXPoll_RegisterCallBack(CALLBACK_NETCORE_TCPSERVER_LOGIN fpCall_Login,
+                                                   CALLBACK_NETCORE_TCPSERVER_RECV fpCall_Recv,
+                                                   CALLBACK_NETCORE_TCPSERVER_LEAVE fpCall_Leave, void* lPLogin,
+                                                   void* lPRecv, void* lPLeave);
+/* Sends with a 3 s time-out. The bytes sent are counted into the second counter of GetNetFlow,
+ * together with the bytes received; the first counter stays 0. */
+NETCORE_API bool NetCore_TCPXPoll_Send(const char* lpszClientAddr, const char* lpszMsgBuffer, int nMsgLen);
+/* Closes a client without a leave callback; always true (also for an unknown address). */
+NETCORE_API bool NetCore_TCPXPoll_Close(const char* lpszClientAddr);
+/* Stops accepting; connected clients stay and are served until their next event. Always true. */
+NETCORE_API bool NetCore_TCPXPoll_Stop(bool bClearFlow);
+/* Writes (up, down); no null test. Always true. */
+NETCORE_API bool NetCore_TCPXPoll_GetNetFlow(unsigned long long* pInt_FlowUp, unsigned long long* pInt_FlowDown);
+/* Stores the client count; with a non-null pppszList also hands out the addresses. */
+NETCORE_API bool NetCore_TCPXPoll_GetList(char*** pppszList, int* pInt_ListCount);
+
+/* One accept thread, one close thread, one thread per client waiting with select() for nTimeOut
+ * milliseconds. Without callbacks, events queue up for NetCore_TCPSelect_ReadIOEvent with the
+ * types 0x01 (client arrived), 0x100 (data received) and 0x10 (client left). */
+NETCORE_API bool NetCore_TCPSelect_Start(int nPort, int nTimeOut, bool bKeepAlive, int nIPVer);
+/* Stores all six values as given, nulls included; always true. */
+NETCORE_API bool NetCore_TCPSelect_RegisterCallBack(CALLBACK_NETCORE_TCPSERVER_LOGIN fpCall_Login,
+                                                    CALLBACK_NETCORE_TCPSERVER_RECV fpCall_Recv,
+                                                    CALLBACK_NETCORE_TCPSERVER_LEAVE fpCall_Leave, void* lPLogin,
+                                                    void* lPRecv, void* lPLeave);
+/* Waits up to 100 ms for the socket to be writable, then sends with a 3 s time-out. A failure
+ * leaves the code of the socket utility that failed. */
+NETCORE_API bool NetCore_TCPSelect_Send(const char* lpszClientAddr, const char* lpszMsgBuffer, int nMsgLen);
+/* Ends a client without a departure report; always true. Takes up to one select time-out. */
+NETCORE_API bool NetCore_TCPSelect_RemoveClient(const char* lpszClientAddr);
+/* Ends every client (no departure reports) and the server's threads; always true. */
+NETCORE_API bool NetCore_TCPSelect_Stop(bool bClearFlow);
+/* (sent, received) */
+NETCORE_API bool NetCore_TCPSelect_GetFlow(unsigned long long* pInt_FlowUp, unsigned long long* pInt_FlowDown);
+NETCORE_API bool NetCore_TCPSelect_GetList(char*** pppszList, int* pInt_ListCount);
+/* Takes the first queued event whose address begins with lpszClientAddr (an empty string matches
+ * every address) and whose type shares a bit with *pdwType (0 takes any type). The address is
+ * copied back into lpszClientAddr (at least 64 characters) and the type into *pdwType; for a data
+ * event the length goes to *pInt_Len, but the data itself is not copied into lpszMsgBuffer. */
+NETCORE_API bool NetCore_TCPSelect_ReadIOEvent(char* lpszClientAddr, char* lpszMsgBuffer, int* pInt_Len,
+                                               unsigned long* pdwType);
+
+/* ------------------------------------------------------------------------------------------------
+ * UDP epoll server (NetCore_UDPXCore_*Ex)
+ *
+ * One bound UDP socket served by a number of receive threads, each with its own epoll instance.
+ * Every datagram (cut to 2048 bytes) reaches the receive callback with the sender as "%s:%d"
+ * (IPv6 addresses unbracketed) and the server's bound socket; a (null, -1) call reports a receive
+ * error. Register the callback before traffic arrives: datagrams that come earlier are dropped.
+ * The codes share their family byte with the socket utilities: tell them apart by the call.
+ * --------------------------------------------------------------------------------------------- */
+
+#define ERROR_NETCORE_UDPXCORE_CREATE_MALLOC 0x020A4501
+#define ERROR_NETCORE_UDPXCORE_CREATE_EPOLL 0x020A4502
+#define ERROR_NETCORE_UDPXCORE_CREATE_CTLSOCKET 0x020A4503
+#define ERROR_NETCORE_UDPXCORE_CREATE_PIPE 0x020A4506
+#define ERROR_NETCORE_UDPXCORE_CREATE_CTLPIPE 0x020A4507
+#define ERROR_NETCORE_UDPXCORE_SENDMSG_PARAMENT 0x020A4510
+#define ERROR_NETCORE_UDPXCORE_GETFLOW_PARAMENT 0x020A4520
+#define ERROR_NETCORE_UDPXCORE_CBSET_PARAMENT 0x020A4530
+#define ERROR_NETCORE_UDPXCORE_GETTIME_PARAMENT 0x020A4550
+#define ERROR_NETCORE_UDPXCORE_AVERAGE_PARAMENT 0x020A4660
+#define ERROR_NETCORE_UDPXCORE_STARTEX_MALLOC 0x020A45A0
+#define ERROR_NETCORE_UDPXCORE_HANDLE_NULL 0x020A45A1
+
+/* receive callback: (sender "%s:%d", bound socket, datagram or null, length or -1, lParam) */
+typedef void (*CALLBACK_NETCORE_UDPXCORE_RECV)(const char* lpszClientAddr, int hSocket, const char* lpszMsgBuffer,
+                                              int nMsgLen, void* lParam);
+
+/* Binds nPort (all addresses, address reuse) and starts nThread receive threads (0 or less: one
+ * per hardware thread). nTimeFlow is the flow interval in seconds. Null on failure. */
+NETCORE_API void* NetCore_UDPXCore_StartEx(int nPort, int nThread, int nTimeFlow, int nIPVer);
+NETCORE_API bool NetCore_UDPXCore_GetSocketEx(void* xhToken, int* phSocket);
+/* Stops the threads and frees the server; bClearFlow only matters to direct users of the class. */
+NETCORE_API bool NetCore_UDPXCore_DestroyEx(void* xhToken, bool bClearFlow);
+/* Sends one datagram to "address:port" (split at the last colon, so "::1:5000" works; at most 63
+ * characters are read). Counted only when the send succeeds. */
+NETCORE_API bool NetCore_UDPXCore_SendEx(void* xhToken, const char* lpszClientAddr, const char* lpszMsgBuffer,
+                                         int nMsgLen);
+/* Totals since start; the packet outputs may be null. */
+NETCORE_API bool NetCore_UDPXCore_GetFlowEx(void* xhToken, unsigned long long* pInt_SendBytes,
+                                            unsigned long long* pInt_RecvBytes, unsigned long long* pInt_SendPackets,
+                                            unsigned long long* pInt_RecvPackets);
+/* Ticks (milliseconds) of the last received datagram and of the last successful send. */
+NETCORE_API bool NetCore_UDPXCore_GetTimeEx(void* xhToken, unsigned long long* pInt_TimeRecv,
+                                            unsigned long long* pInt_TimeSend);
+/* bWhole: totals divided by (milliseconds since start x 1000). Otherwise each total less the
+ * total at the last interval close divided by the interval; the third output starts from the
+ * received packet total, as it always has. */
+NETCORE_API bool NetCore_UDPXCore_GetAverageFlowEx(void* xhToken, unsigned long long* pInt_SendBytes,
+                                                   unsigned long long* pInt_RecvBytes,
+                                                   unsigned long long* pInt_SendPackets,
+                                                   unsigned long long* pInt_RecvPackets, bool bWhole);
+NETCORE_API bool NetCore_UDPXCore_RegisterCallBackEx(void* xhToken, CALLBACK_NETCORE_UDPXCORE_RECV fpCall_Recv,
+                                                     void* lParam);
  * UDX reliable transport over UDP (NetCore_UDXSocket_*Ex)
  *
  * An endpoint runs its own UDP epoll server and answers CONNECT from peers; each peer gets a

@@ -6,3 +6,6 @@
 void Report(const char* lpszStep, bool bOk);
 
 void DemoSocket();
+void DemoHeartBeat();
+void DemoLocal();
+void DemoTCPServers();

@@ -23,6 +23,9 @@ void Report(const char* lpszStep, bool bOk) {
 
 int main() {
     DemoSocket();
+    DemoHeartBeat();
+    DemoLocal();
+    DemoTCPServers();
     printf("%s\n", g_nFailures == 0 ? "demo finished: all steps ok" : "demo finished with failures");
     return g_nFailures == 0 ? 0 : 1;
 }

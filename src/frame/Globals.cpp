@@ -8,3 +8,12 @@
 #include "Globals.h"
 
 CNetCore_Socket m_Socket;
+CNetCore_PIPAnonymous m_PIPAnonymous;
+CNetCore_PIPMMap m_PIPMMap;
+CNetCore_PIPNamed m_PIPNamed;
+CNetCore_UnixDomain m_UnixDomain;
+CNetCore_TCPSelect m_TCPSelect;
+CNetCore_TCPXPoll m_TCPXPoll;
+CNetCore_UDPXCoreEx m_UDPXCore;
+CSocketOpt_HeartBeatEx m_OptHeartBeat;
+CNetCore_PIPIpc m_PIPIpc;

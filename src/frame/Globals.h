@@ -2,6 +2,24 @@
 // in which they must be constructed.
 #pragma once
 
+#include "heartbeat/SocketOpt_HeartBeatEx.h"
+#include "local/NetCore_PIPAnonymous.h"
+#include "local/NetCore_PIPIpc.h"
+#include "local/NetCore_PIPMMap.h"
+#include "local/NetCore_PIPNamed.h"
+#include "local/NetCore_UnixDomain.h"
 #include "socket/NetCore_Socket.h"
+#include "tcpserver/NetCore_TCPSelect.h"
+#include "tcpserver/NetCore_TCPXPoll.h"
+#include "udpxcore/NetCore_UDPXCoreEx.h"
 
 extern CNetCore_Socket m_Socket;
+extern CNetCore_PIPAnonymous m_PIPAnonymous;
+extern CNetCore_PIPMMap m_PIPMMap;
+extern CNetCore_PIPNamed m_PIPNamed;
+extern CNetCore_UnixDomain m_UnixDomain;
+extern CNetCore_TCPSelect m_TCPSelect;
+extern CNetCore_TCPXPoll m_TCPXPoll;
+extern CNetCore_UDPXCoreEx m_UDPXCore;
+extern CSocketOpt_HeartBeatEx m_OptHeartBeat;
+extern CNetCore_PIPIpc m_PIPIpc;

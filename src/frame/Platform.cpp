@@ -4,6 +4,9 @@
 #include <ctime>
 #include <poll.h>
 #include <sys/select.h>
+#if !defined(__ANDROID__)
+#include <sys/shm.h>
+#endif
 
 namespace netcore::platform {
 namespace {
@@ -107,5 +110,41 @@ int SelectOne(int hFd, bool bRead, const struct timeval* pSt_TimeOut, bool* pbIs
     if (nRet > 0) *pbIsSet = FD_ISSET(hFd, &st_Set);
     return nRet;
 }
+
+#if defined(__ANDROID__)
+
+int ShmGet(key_t, size_t, int) {
+    errno = ENOSYS;
+    return -1;
+}
+void* ShmAt(int) {
+    errno = ENOSYS;
+    return reinterpret_cast<void*>(-1);
+}
+int ShmDt(const void*) {
+    errno = ENOSYS;
+    return -1;
+}
+int ShmRemove(int) {
+    errno = ENOSYS;
+    return -1;
+}
+
+#else
+
+int ShmGet(key_t nKey, size_t nSize, int nFlags) {
+    return shmget(nKey, nSize, nFlags);
+}
+void* ShmAt(int hShm) {
+    return shmat(hShm, nullptr, 0);
+}
+int ShmDt(const void* lPBase) {
+    return shmdt(lPBase);
+}
+int ShmRemove(int hShm) {
+    return shmctl(hShm, IPC_RMID, nullptr);
+}
+
+#endif
 
 }  // namespace netcore::platform
