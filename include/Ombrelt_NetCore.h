@@ -572,6 +572,8 @@ NETCORE_API bool NetCore_UDPXCore_GetAverageFlowEx(void* xhToken, unsigned long 
                                                    unsigned long long* pInt_RecvPackets, bool bWhole);
 NETCORE_API bool NetCore_UDPXCore_RegisterCallBackEx(void* xhToken, CALLBACK_NETCORE_UDPXCORE_RECV fpCall_Recv,
                                                      void* lParam);
+
+/* ------------------------------------------------------------------------------------------------
  * UDX reliable transport over UDP (NetCore_UDXSocket_*Ex)
  *
  * An endpoint runs its own UDP epoll server and answers CONNECT from peers; each peer gets a

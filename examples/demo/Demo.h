@@ -9,3 +9,4 @@ void DemoSocket();
 void DemoHeartBeat();
 void DemoLocal();
 void DemoTCPServers();
+void DemoUDX();

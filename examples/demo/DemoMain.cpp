@@ -26,6 +26,7 @@ int main() {
     DemoHeartBeat();
     DemoLocal();
     DemoTCPServers();
+    DemoUDX();
     printf("%s\n", g_nFailures == 0 ? "demo finished: all steps ok" : "demo finished with failures");
     return g_nFailures == 0 ? 0 : 1;
 }

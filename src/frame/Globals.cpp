@@ -16,4 +16,5 @@ CNetCore_TCPSelect m_TCPSelect;
 CNetCore_TCPXPoll m_TCPXPoll;
 CNetCore_UDPXCoreEx m_UDPXCore;
 CSocketOpt_HeartBeatEx m_OptHeartBeat;
+CNetCore_UDXSocketEx m_UDXSocket;
 CNetCore_PIPIpc m_PIPIpc;

@@ -12,6 +12,7 @@
 #include "tcpserver/NetCore_TCPSelect.h"
 #include "tcpserver/NetCore_TCPXPoll.h"
 #include "udpxcore/NetCore_UDPXCoreEx.h"
+#include "udx/NetCore_UDXSocketEx.h"
 
 extern CNetCore_Socket m_Socket;
 extern CNetCore_PIPAnonymous m_PIPAnonymous;
@@ -22,4 +23,5 @@ extern CNetCore_TCPSelect m_TCPSelect;
 extern CNetCore_TCPXPoll m_TCPXPoll;
 extern CNetCore_UDPXCoreEx m_UDPXCore;
 extern CSocketOpt_HeartBeatEx m_OptHeartBeat;
+extern CNetCore_UDXSocketEx m_UDXSocket;
 extern CNetCore_PIPIpc m_PIPIpc;
