@@ -32,10 +32,12 @@ UDXEngine::Hooks CNetCore_UDXSocket::MakeHooks() {
         NetCore_UDPXCore_SendEx(xhUDPCore.load(), lpszAddr, lpszData, nLen);
     };
     st_Hooks.fnAccepted = [this](const char* lpszAddr) {
+        SocketOpt_HeartBeat_InsertAddrEx(xhHeartBeat.load(), lpszAddr);
+    };
+    st_Hooks.fnLogin = [this](const char* lpszAddr) {
         // registered by CBSet before the first peer connects; a missing one is skipped
         auto fpLogin = lpCall_Login.load();
         if (fpLogin != nullptr) fpLogin(lpszAddr, 0, lParamLogin.load());
-        SocketOpt_HeartBeat_InsertAddrEx(xhHeartBeat.load(), lpszAddr);
     };
     st_Hooks.fnActive = [this](const char* lpszAddr) {
         SocketOpt_HeartBeat_ActiveAddrEx(xhHeartBeat.load(), lpszAddr, nullptr);

@@ -66,8 +66,12 @@ bool UDXEngine::Accept(const char* lpszClientAddr, unsigned int nWindow) {
         FreeClient(pSt_Client);
         return Fail(ERROR_NETCORE_UDX_ACCEPT_MALLOC);
     }
-    // the login result is not used: the session is kept either way
-    if (m_st_Config.bHeartBeat && m_st_Hooks.fnAccepted) m_st_Hooks.fnAccepted(lpszClientAddr);
+    if (!m_st_Config.bHeartBeat) return true;
+    if (m_st_Hooks.fnAccepted) m_st_Hooks.fnAccepted(lpszClientAddr);
+    st_Lock.unlock();
+    // Called outside the table lock so that the application may send to the new peer from its
+    // login callback. Its result is not used: the session is kept either way.
+    if (m_st_Hooks.fnLogin) m_st_Hooks.fnLogin(lpszClientAddr);
     return true;
 }
 

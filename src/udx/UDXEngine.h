@@ -59,6 +59,7 @@ public:
         std::function<void(const char* lpszClientAddr, const char* lpszMsgBuffer, int nMsgLen)> fnSend;
         // the following are called only with bHeartBeat on
         std::function<void(const char*)> fnAccepted;  // a session was made (exclusive table lock held)
+        std::function<void(const char*)> fnLogin;     // then, with the lock released
         std::function<void(const char*)> fnActive;    // a valid datagram came from the peer
         std::function<void(const char*)> fnRemoved;   // a session was erased (exclusive table lock held)
         std::function<void(const char*)> fnLeave;     // a deferred close was carried out

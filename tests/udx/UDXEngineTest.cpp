@@ -50,6 +50,7 @@ protected:
             m_Wire.push_back({lpszAddr, std::string(lpszData, static_cast<size_t>(nLen))});
         };
         st_Hooks.fnAccepted = [this](const char* lpszAddr) { m_Log.push_back(std::string("accepted ") + lpszAddr); };
+        st_Hooks.fnLogin = [this](const char* lpszAddr) { m_Log.push_back(std::string("login ") + lpszAddr); };
         st_Hooks.fnActive = [this](const char* lpszAddr) { m_Log.push_back(std::string("active ") + lpszAddr); };
         st_Hooks.fnRemoved = [this](const char* lpszAddr) { m_Log.push_back(std::string("removed ") + lpszAddr); };
         st_Hooks.fnLeave = [this](const char* lpszAddr) { m_Log.push_back(std::string("leave ") + lpszAddr); };
@@ -164,7 +165,8 @@ TEST_F(EngineTest, ConnectIsAnsweredWithTheWindowAndARepeatChangesNothing) {
     EXPECT_EQ(0, m_Wire[0].Head().wSerial);
     EXPECT_EQ(5000u, State().nWindowPeer);
     EXPECT_EQ(65536u, State().nWindowSelf);
-    EXPECT_EQ(std::vector<std::string>{"accepted 10.0.0.7:4000"}, m_Log) << "CONNECT does not refresh";
+    EXPECT_EQ((std::vector<std::string>{"accepted 10.0.0.7:4000", "login 10.0.0.7:4000"}), m_Log)
+        << "CONNECT does not refresh";
 
     ASSERT_TRUE(Send("abc"));
     ASSERT_TRUE(Feed(Data(0, "xyz")));
@@ -178,7 +180,7 @@ TEST_F(EngineTest, ConnectIsAnsweredWithTheWindowAndARepeatChangesNothing) {
     EXPECT_EQ(1, st_After.wSendSerial);
     EXPECT_EQ(1u, st_After.nRecv);
     EXPECT_EQ(1u, m_Engine->SessionCount());
-    EXPECT_EQ(1, std::count(m_Log.begin(), m_Log.end(), "accepted 10.0.0.7:4000"));
+    EXPECT_EQ(1, std::count(m_Log.begin(), m_Log.end(), "login 10.0.0.7:4000"));
 }
 
 TEST_F(EngineTest, UnorderedDeliveryTakesArrivalOrderAndSplitsMergedDatagrams) {

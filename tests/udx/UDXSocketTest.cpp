@@ -38,6 +38,7 @@ struct Calls {
     std::mutex mutex;
     std::vector<std::string> logins, leaves;
     std::vector<void*> contexts;
+    std::atomic<void*> hGreeter{nullptr};  // when set, the login callback greets the new peer
     size_t Leaves() {
         std::lock_guard<std::mutex> lock(mutex);
         return leaves.size();
@@ -54,6 +55,9 @@ bool OnLogin(char const* lpszAddr, int hSocket, void* lParam) {
     calls->logins.push_back(lpszAddr);
     calls->contexts.push_back(lParam);
     EXPECT_EQ(0, hSocket);
+    if (void* hUDX = calls->hGreeter.load()) {
+        EXPECT_TRUE(NetCore_UDXSocket_SendEx(hUDX, lpszAddr, "welcome", 7));
+    }
     return false;  // the result is not used: the session stays
 }
 
@@ -130,6 +134,7 @@ TEST_F(UDXSocketTest, PeerConnectsAndMessagesTravelBothWays) {
     EXPECT_FALSE(NetCore_UDXSocket_CBSetEx(m_hUDX, OnLogin, nullptr, nullptr, nullptr));
     EXPECT_EQ(ERROR_NETCORE_UDX_CBSET_PARAMENT, NetCore_GetLastError(nullptr));
     ASSERT_TRUE(NetCore_UDXSocket_CBSetEx(m_hUDX, OnLogin, OnLeave, &m_Calls, &m_Calls));
+    m_Calls.hGreeter = m_hUDX;
 
     udxpeer::Peer st_Peer;
     ASSERT_TRUE(st_Peer.Open(m_nPort));
@@ -138,10 +143,12 @@ TEST_F(UDXSocketTest, PeerConnectsAndMessagesTravelBothWays) {
     const std::string strAddr = st_Peer.LocalAddr();
     ASSERT_TRUE(WaitFor([&] { return m_Calls.Logins().size() == 1; }));
     EXPECT_EQ(strAddr, m_Calls.Logins()[0]);
+    std::string strOut;
+    ASSERT_TRUE(st_Peer.Recv(&strOut, 5s)) << "the login callback may send to the new peer";
+    EXPECT_EQ("welcome", strOut);
 
     st_Peer.Send("hello");
     st_Peer.Send(std::string(2801, 'L'));
-    std::string strOut;
     ASSERT_TRUE(Fetch(strAddr, &strOut));
     EXPECT_EQ("hello", strOut);
     // a long message arrives as its 1400-byte pieces
