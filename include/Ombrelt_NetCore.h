@@ -897,6 +897,71 @@ NETCORE_API bool NetCore_GroupCast_Recv(int hSocket, char* ptszMsgBuffer, int* p
 /* Leaves the group and closes the endpoint; waits for running Sends and Recvs. Always true. */
 NETCORE_API bool NetCore_GroupCast_Close(int hSocket);
 
+/* ------------------------------------------------------------------------------------------------
+ * UDX reliable transport over UDP (NetCore_UDXSocket_*Ex)
+ *
+ * An endpoint runs its own UDP epoll server and answers CONNECT from peers; each peer gets a
+ * session named by its address text "a.b.c.d:port". Messages of 1400 bytes or more are cut
+ * into 1400-byte pieces and each piece is fetched by NetCore_UDXSocket_RecvEx on its own; the
+ * receive buffer must hold 2048 bytes.
+ * --------------------------------------------------------------------------------------------- */
+
+#define ERROR_NETCORE_UDX_ACCEPT_PARAMENT 0x020A8000
+#define ERROR_NETCORE_UDX_ACCEPT_MALLOC 0x020A8001
+#define ERROR_NETCORE_UDX_PARSE_PARAMENT 0x020A8010
+#define ERROR_NETCORE_UDX_PARSE_NOTFOUND 0x020A8011
+#define ERROR_NETCORE_UDX_PARSE_PROTOCOL 0x020A8013
+#define ERROR_NETCORE_UDX_PARSE_REPEAT 0x020A8014
+#define ERROR_NETCORE_UDX_PARSE_NOTCONNECT 0x020A8016
+#define ERROR_NETCORE_UDX_PARSE_EXPIRED 0x020A8017
+#define ERROR_NETCORE_UDX_SEND_PARAMENT 0x020A8020
+#define ERROR_NETCORE_UDX_SEND_NOTFOUND 0x020A8021
+#define ERROR_NETCORE_UDX_SEND_WINDOW 0x020A8022
+#define ERROR_NETCORE_UDX_RECV_PARAMENT 0x020A8030
+#define ERROR_NETCORE_UDX_RECV_NOTFOUND 0x020A8031
+#define ERROR_NETCORE_UDX_RECV_EMPTY 0x020A8032
+#define ERROR_NETCORE_UDX_RECV_NODATA 0x020A8033
+#define ERROR_NETCORE_UDX_INIT_PARAMENT 0x020A8040
+#define ERROR_NETCORE_UDX_INIT_THREAD 0x020A8041
+#define ERROR_NETCORE_UDX_CBSET_PARAMENT 0x020A8050
+#define ERROR_NETCORE_UDX_INITEX_MALLOC 0x020A80A0
+#define ERROR_NETCORE_UDX_HANDLE_NULL 0x020A80A1
+
+/* Configuration of an endpoint; every field must be set by the caller. */
+typedef struct tag_NetCore_UDXConfig {
+    bool bHeartBeat;    /* supervise peers (5 s interval, 3 misses), call login/leave, carry out closes */
+    bool bOrder;        /* hand messages out in serial order */
+    bool bReliable;     /* keep sent DATA until acknowledged and resend it */
+    bool bStrictResend; /* a RESEND_GONE closes the session instead of skipping the serial */
+    bool bMtap;         /* merging thread for DATA payloads below 700 bytes */
+    int nWindowSize;    /* receive window granted to each peer in bytes; 0 or less: no accounting */
+} tag_NetCore_UDXConfig;
+
+/* login: (address, 0, lParamLogin), its result is not used; leave: (address, 0, lParamLeave) */
+typedef bool (*CALLBACK_NETCORE_UDXSOCKET_LOGIN)(char const* lpszClientAddr, int hSocket, void* lParam);
+typedef void (*CALLBACK_NETCORE_UDXSOCKET_LEAVE)(char const* lpszClientAddr, int hSocket, void* lParam);
+
+/* Starts an endpoint on UDP port nPort (IPv4, 4 receive threads); nTimeFlow is the UDP server's
+ * flow interval in seconds. Null on failure; a failed init leaves its endpoint behind. */
+NETCORE_API void* NetCore_UDXSocket_InitEx(tag_NetCore_UDXConfig* pSt_UDXConfig, int nPort, int nTimeFlow);
+/* Both callbacks are required; set them before the first peer connects when bHeartBeat is on. */
+NETCORE_API bool NetCore_UDXSocket_CBSetEx(void* xhToken, bool (*fpCall_Login)(char const*, int, void*),
+                                           void (*fpCall_Leave)(char const*, int, void*), void* lParamLogin,
+                                           void* lParamLeave);
+/* Queues one message to a connected peer; fails with ERROR_NETCORE_UDX_SEND_WINDOW when it is
+ * longer than the send credit the peer granted. Failures of the UDP send itself are not reported. */
+NETCORE_API bool NetCore_UDXSocket_SendEx(void* xhToken, char const* lpszClientAddr, char const* lpszMsgBuffer,
+                                          int nMsgLen);
+/* Fetches the next message of a peer into a buffer of at least 2048 bytes; *pInt_MsgLen is output
+ * only. ERROR_NETCORE_UDX_RECV_EMPTY: nothing queued; ERROR_NETCORE_UDX_RECV_NODATA: ordered
+ * mode is waiting for a missing serial (a resend request is then queued). */
+NETCORE_API bool NetCore_UDXSocket_RecvEx(void* xhToken, char const* lpszClientAddr, char* ptszMsgBuffer,
+                                          int* pInt_MsgLen);
+/* Queues a peer for closing; carried out (CLOSE sent, leave callback) only with bHeartBeat on. */
+NETCORE_API bool NetCore_UDXSocket_CloseEx(void* xhToken, char const* lpszClientAddr);
+/* Stops the endpoint and frees it; no CLOSE is sent and no leave callback is called. */
+NETCORE_API bool NetCore_UDXSocket_DestroyEx(void* xhToken);
+
 #ifdef __cplusplus
 }
 #endif

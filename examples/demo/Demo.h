@@ -13,3 +13,4 @@ void DemoTCPServers();
 void DemoTCPXCore();
 void DemoSerial();
 void DemoDatagram();
+void DemoUDX();

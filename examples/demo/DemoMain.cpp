@@ -30,6 +30,7 @@ int main() {
     DemoTCPXCore();
     DemoSerial();
     DemoDatagram();
+    DemoUDX();
     printf("%s\n", g_nFailures == 0 ? "demo finished: all steps ok" : "demo finished with failures");
     return g_nFailures == 0 ? 0 : 1;
 }

@@ -21,4 +21,5 @@ CNetCore_UDPXCoreEx m_UDPXCore;
 CSocketOpt_HeartBeatEx m_OptHeartBeat;
 CNetCore_BroadCast m_BroadCast;
 CNetCore_GroupCast m_GroupCast;
+CNetCore_UDXSocketEx m_UDXSocket;
 CNetCore_PIPIpc m_PIPIpc;

@@ -17,6 +17,7 @@
 #include "tcpserver/NetCore_TCPXPoll.h"
 #include "tcpxcore/NetCore_TCPXCoreEx.h"
 #include "udpxcore/NetCore_UDPXCoreEx.h"
+#include "udx/NetCore_UDXSocketEx.h"
 
 extern CNetCore_Socket m_Socket;
 extern CNetCore_PIPAnonymous m_PIPAnonymous;
@@ -32,4 +33,5 @@ extern CNetCore_UDPXCoreEx m_UDPXCore;
 extern CSocketOpt_HeartBeatEx m_OptHeartBeat;
 extern CNetCore_BroadCast m_BroadCast;
 extern CNetCore_GroupCast m_GroupCast;
+extern CNetCore_UDXSocketEx m_UDXSocket;
 extern CNetCore_PIPIpc m_PIPIpc;
