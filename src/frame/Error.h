@@ -22,9 +22,10 @@ inline unsigned long long GetErrorCode() {
     return __atomic_load_n(&NetCore_dwErrorCode, __ATOMIC_RELAXED);
 }
 
-// Entry of every operation that can fail.
+// Entry of every operation that can fail. The flag is only written when it is set, so that the
+// many threads clearing it do not keep stealing its cache line from one another.
 inline void ClearError() {
-    SetErrorFlag(false);
+    if (__atomic_load_n(&NetCore_IsErrorOccur, __ATOMIC_RELAXED)) SetErrorFlag(false);
 }
 
 // "Set the code and fail": the flag goes up, the code is stored, the caller returns false.

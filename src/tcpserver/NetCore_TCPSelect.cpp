@@ -13,6 +13,7 @@
 #include <system_error>
 
 #include "Ombrelt_BaseLib.h"
+#include "frame/ClientList.h"
 #include "frame/Error.h"
 #include "frame/Platform.h"
 
@@ -25,7 +26,6 @@ constexpr uint64_t kEventLogin = 0x01;
 constexpr uint64_t kEventRecv = 0x100;
 constexpr uint64_t kEventLeave = 0x10;
 constexpr int kRecvBuffer = 8192;
-constexpr int kListRow = 128;
 constexpr int kSendWaitMs = 100;
 
 void Pause() {
@@ -192,13 +192,7 @@ bool CNetCore_TCPSelect::NetCore_TCPSelect_GetList(char*** pppszList, int* pInt_
     *pInt_ListCount = nCount;
     if (pppszList == nullptr) return true;
     // Without memory for the list there is nothing to hand out: it reads as an empty list.
-    if (!BaseLib_OperatorMemory_Malloc(reinterpret_cast<void***>(pppszList), nCount, kListRow)) {
-        return Fail(ERROR_NETCORE_TCPSELECT_GETLIST_EMPTY);
-    }
-    int i = 0;
-    for (const auto& st_Pair : stl_MapClient) {
-        snprintf((*pppszList)[i++], kListRow, "%s", st_Pair.first.c_str());
-    }
+    if (!netcore::HandOutAddressList(stl_MapClient, pppszList)) return Fail(ERROR_NETCORE_TCPSELECT_GETLIST_EMPTY);
     return true;
 }
 

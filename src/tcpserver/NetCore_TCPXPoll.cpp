@@ -16,6 +16,7 @@
 #include <system_error>
 
 #include "Ombrelt_BaseLib.h"
+#include "frame/ClientList.h"
 #include "frame/Error.h"
 
 using netcore::ClearError;
@@ -29,7 +30,6 @@ constexpr size_t kGroupRoom = 64;  // a group with at most this many clients tak
 // a client that was admitted is also served.
 constexpr int kWorkSlots = kGroupRoom + 1;
 constexpr int kRecvBuffer = 8192;
-constexpr int kListRow = 128;
 
 void Pause() {
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
@@ -239,13 +239,7 @@ bool CNetCore_TCPXPoll::NetCore_TCPXPoll_GetList(char*** pppszList, int* pInt_Li
     *pInt_ListCount = nCount;
     if (pppszList == nullptr) return true;
     // Without memory for the list there is nothing to hand out: it reads as an empty list.
-    if (!BaseLib_OperatorMemory_Malloc(reinterpret_cast<void***>(pppszList), nCount, kListRow)) {
-        return Fail(ERROR_NETCORE_TCPSELECT_GETLIST_EMPTY);
-    }
-    int i = 0;
-    for (const auto& st_Pair : stl_MapClient) {
-        snprintf((*pppszList)[i++], kListRow, "%s", st_Pair.first.c_str());
-    }
+    if (!netcore::HandOutAddressList(stl_MapClient, pppszList)) return Fail(ERROR_NETCORE_TCPSELECT_GETLIST_EMPTY);
     return true;
 }
 

@@ -15,6 +15,7 @@
 #include <thread>
 
 #include "Ombrelt_BaseLib.h"
+#include "frame/ClientList.h"
 #include "frame/Error.h"
 
 using netcore::ClearError;
@@ -667,14 +668,8 @@ bool CNetCore_TCPXCore::NetCore_TCPXCore_GetAll(char*** pppszListAddr, int* pInt
     std::shared_lock<std::shared_mutex> st_Lock(st_Locker);
     if (stl_MapClients.empty()) return Fail(ERROR_NETCORE_TCPXCORE_EMPTY);
     int nCount = static_cast<int>(stl_MapClients.size());
-    if (!BaseLib_OperatorMemory_Malloc(reinterpret_cast<void***>(pppszListAddr), nCount, 128)) {
-        return Fail(ERROR_NETCORE_TCPXCORE_CREATE_MALLOC);
-    }
+    if (!netcore::HandOutAddressList(stl_MapClients, pppszListAddr)) return Fail(ERROR_NETCORE_TCPXCORE_CREATE_MALLOC);
     *pInt_ListCount = nCount;
-    int i = 0;
-    for (const auto& st_Pair : stl_MapClients) {
-        strcpy((*pppszListAddr)[i++], st_Pair.second->tszClientAddr);
-    }
     return true;
 }
 
