@@ -20,7 +20,7 @@ constexpr int kSendWaitMs = 100;
 // Copies an address text into a record field, cut to the field.
 template <size_t N>
 void CopyText(char (&tszField)[N], const char* lpszText) {
-    snprintf(tszField, N, "%s", lpszText);
+    snprintf(tszField, N, "%s", lpszText != nullptr ? lpszText : "");
 }
 
 void LeaveGroup(const NETCORE_GROUPCAST& st_GroupCast) {
@@ -43,10 +43,9 @@ void LeaveGroup(const NETCORE_GROUPCAST& st_GroupCast) {
 bool CNetCore_GroupCast::NetCore_GroupCast_Create(int* phSocket, int nPort, const char* lpszGroupAddr,
                                                   const char* lpszLocalAddr, int nTTL, bool bLoop, int nIPVer) {
     ClearError();
-    // Both address texts are needed to join; without them there is nothing to create.
-    if (phSocket == nullptr || lpszGroupAddr == nullptr || lpszLocalAddr == nullptr) {
-        return Fail(ERROR_NETCORE_GROUPCAST_PARAMENT);
-    }
+    // A null address text is not refused here: it converts as no address (zero), and creation
+    // fails at whichever step cannot take that.
+    if (phSocket == nullptr) return Fail(ERROR_NETCORE_GROUPCAST_PARAMENT);
     NETCORE_GROUPCAST st_GroupCast;
     memset(&st_GroupCast, 0, sizeof(st_GroupCast));
     st_GroupCast.nIPVer = nIPVer;
@@ -86,8 +85,8 @@ bool CNetCore_GroupCast::NetCore_GroupCast_Create(int* phSocket, int nPort, cons
         }
         struct ip_mreq st_Req;
         memset(&st_Req, 0, sizeof(st_Req));
-        inet_pton(AF_INET, lpszGroupAddr, &st_Req.imr_multiaddr);
-        inet_pton(AF_INET, lpszLocalAddr, &st_Req.imr_interface);
+        if (lpszGroupAddr != nullptr) inet_pton(AF_INET, lpszGroupAddr, &st_Req.imr_multiaddr);
+        if (lpszLocalAddr != nullptr) inet_pton(AF_INET, lpszLocalAddr, &st_Req.imr_interface);
         st_GroupCast.st_GroupAddr.sin_family = AF_INET;
         st_GroupCast.st_GroupAddr.sin_port = htons(static_cast<uint16_t>(nPort));
         st_GroupCast.st_GroupAddr.sin_addr = st_Req.imr_multiaddr;
@@ -111,7 +110,7 @@ bool CNetCore_GroupCast::NetCore_GroupCast_Create(int* phSocket, int nPort, cons
         }
         struct ipv6_mreq st_Req;
         memset(&st_Req, 0, sizeof(st_Req));
-        inet_pton(AF_INET6, lpszGroupAddr, &st_Req.ipv6mr_multiaddr);
+        if (lpszGroupAddr != nullptr) inet_pton(AF_INET6, lpszGroupAddr, &st_Req.ipv6mr_multiaddr);
         st_GroupCast.st_GroupAddr6.sin6_family = AF_INET6;
         st_GroupCast.st_GroupAddr6.sin6_port = htons(static_cast<uint16_t>(nPort));
         st_GroupCast.st_GroupAddr6.sin6_addr = st_Req.ipv6mr_multiaddr;

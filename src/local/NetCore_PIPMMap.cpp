@@ -14,9 +14,12 @@ using netcore::Fail;
 
 namespace {
 
-// Bytes of the region actually mapped: none when the mapping failed.
+// Bytes actually mapped: the stated size rounded up to whole pages (offsets past nSize inside
+// the last page are real memory and are served), none when the mapping failed.
 size_t MappedSize(const NETCORE_PIPMMAP& st_MMap) {
-    return st_MMap.lPBase == MAP_FAILED ? 0 : st_MMap.nSize;
+    if (st_MMap.lPBase == MAP_FAILED || st_MMap.lPBase == nullptr) return 0;
+    const size_t nPage = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    return (st_MMap.nSize + nPage - 1) / nPage * nPage;
 }
 
 void Release(const NETCORE_PIPMMAP& st_MMap) {
@@ -107,7 +110,7 @@ bool CNetCore_PIPMMap::NetCore_PIPMMap_Read(const char* lpszName, void* lPBuffer
     if (stl_MapIterator == stl_MapMMap.end()) return Fail(ERROR_NETCORE_PIPE_MMAP_READ_NOTFOUND);
     const NETCORE_PIPMMAP& st_MMap = stl_MapIterator->second;
     if (nLen <= 0) return true;
-    // bytes beyond the region read as zero
+    // bytes beyond the mapping read as zero
     memset(lPBuffer, 0, static_cast<size_t>(nLen));
     Span st_Span = Inside(nLen, nPos, MappedSize(st_MMap));
     if (st_Span.nCount > 0) {

@@ -54,16 +54,6 @@ void AddressText(const sockaddr_un& st_Addr, char* ptszText) {
     errno = nSaved;
 }
 
-// The peers' readiness wait. It reports nothing through the error globals: it runs every 100 ms
-// on every peer thread and would otherwise overwrite the code of the caller's last failure.
-bool QuietReadable(int hFd, int nMillis) {
-    struct timeval st_TimeOut {
-        0, nMillis * 1000
-    };
-    bool bIsSet = false;
-    return netcore::platform::SelectOne(hFd, true, &st_TimeOut, &bIsSet) > 0 && bIsSet;
-}
-
 // The server whose peer receive thread the current thread is, if any.
 thread_local const CNetCore_UnixDomain* tl_pPeerServer = nullptr;
 
@@ -386,7 +376,7 @@ int CNetCore_UnixDomain::NetCore_UnixDomain_ThreadRecv(void* lParam) {
     char tszMsgBuffer[kStreamBufferSize];
     while (pClass->bRunning.load(std::memory_order_relaxed) && pSt_Client->bRunning.load(std::memory_order_relaxed)) {
         memset(tszMsgBuffer, 0, sizeof(tszMsgBuffer));
-        if (QuietReadable(pSt_Client->hSocket, kPeerWaitMillis)) {
+        if (CNetCore_Socket().NetCore_Socket_IOSelect(pSt_Client->hSocket, true, kPeerWaitMillis)) {
             ssize_t nRecv;
             if (pClass->bStream.load(std::memory_order_relaxed)) {
                 nRecv = recv(pSt_Client->hSocket, tszMsgBuffer, sizeof(tszMsgBuffer), 0);

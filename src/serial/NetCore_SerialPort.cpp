@@ -71,8 +71,8 @@ bool CNetCore_SerialPort::NetCore_SerialPort_OpenDev(const char* lpszDevice, uns
         return Fail(ERROR_NETCORE_SERIALPORT_OPEN_MALLOC);
     }
     // A descriptor of -1 (the path cannot be opened) is not tested here: tcgetattr on it fails
-    // in SetSpeed, which is the code callers get for a missing device.
-    UniqueFd hDevice(open(lpszDevice, O_RDWR | O_NOCTTY | O_NONBLOCK));
+    // in SetSpeed, which is the code callers get for a missing device. A null path opens nothing.
+    UniqueFd hDevice(lpszDevice != nullptr ? open(lpszDevice, O_RDWR | O_NOCTTY | O_NONBLOCK) : -1);
     // descriptor 0 is refused (records use 0 for "no descriptor"); it is closed again, not kept
     if (hDevice.Get() == 0) return Fail(ERROR_NETCORE_SERIALPORT_OPEN_DEVICE);
 
@@ -158,10 +158,10 @@ bool CNetCore_SerialPort::NetCore_SerialPort_SendData(const char* lpszDevice, un
     if (!m_Socket.NetCore_Socket_IOSelect(hDevice, false, kWaitMillis))
         return Fail(ERROR_NETCORE_SERIALPORT_SEND_TIMEOUT);
 
-    // a negative length writes nothing (and so counts as a short write) instead of reading past
-    // the caller's buffer
-    size_t nToWrite = nMsgLen > 0 ? static_cast<size_t>(nMsgLen) : 0;
-    ssize_t nWritten = write(hDevice, puszMsgBuffer, nToWrite);
+    // A negative length is never handed to the kernel as a huge count (it would read past the
+    // caller's buffer); such a write fails, and is reported as one.
+    if (nMsgLen < 0) return Fail(ERROR_NETCORE_SERIALPORT_SEND_FAILED);
+    ssize_t nWritten = write(hDevice, puszMsgBuffer, static_cast<size_t>(nMsgLen));
     if (nWritten == -1) return Fail(ERROR_NETCORE_SERIALPORT_SEND_FAILED);
     if (nWritten != nMsgLen) return Fail(ERROR_NETCORE_SERIALPORT_SEND_LEN);
     // A complete write also answers false: callers tell success by the error flag staying down.
@@ -187,6 +187,8 @@ bool CNetCore_SerialPort::NetCore_SerialPort_RecvData(const char* lpszDevice, un
 
 bool CNetCore_SerialPort::NetCore_SerialPort_IsOpenDev(const char* lpszDevice) {
     ClearError();
+    // a null path cannot be opened
+    if (lpszDevice == nullptr) return false;
     // O_NOCTTY: probing a terminal must not make it the caller's controlling terminal
     int hDevice = open(lpszDevice, O_RDWR | O_EXCL | O_NOCTTY);
     if (hDevice == -1) return false;
@@ -286,9 +288,13 @@ bool CNetCore_SerialPort::NetCore_SerialPort_ReadAsync(NETCORE_SERIALPORT* pSt_S
     ClearError();
     if (!m_Socket.NetCore_Socket_IOSelect(pSt_SerialPort->hDevice, true, kWaitMillis))
         return Fail(ERROR_NETCORE_SERIALPORT_READ_TIMEOUT);
-    // a missing buffer or length, or a negative size, reads nothing
-    size_t nToRead = 0;
-    if (puszMsgBuffer != nullptr && pInt_Len != nullptr && *pInt_Len > 0) nToRead = static_cast<size_t>(*pInt_Len);
+    // A null buffer or a negative size is never handed to the kernel: such a read fails, and its
+    // -1 is handed back as the count like any failed read. A missing length reads nothing.
+    if (pInt_Len != nullptr && (*pInt_Len < 0 || (puszMsgBuffer == nullptr && *pInt_Len > 0))) {
+        *pInt_Len = -1;
+        return true;
+    }
+    size_t nToRead = pInt_Len != nullptr ? static_cast<size_t>(*pInt_Len) : 0;
     ssize_t nRead = read(pSt_SerialPort->hDevice, puszMsgBuffer, nToRead);
     if (nRead == 0) return Fail(ERROR_NETCORE_SERIALPORT_READ_NODATA);
     // -1 (a line that failed) is handed back as the count, not as a failure

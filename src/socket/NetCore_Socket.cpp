@@ -115,6 +115,8 @@ bool CNetCore_Socket::NetCore_Socket_Send(int hSocket, const char* lpszMsgBuffer
 
 bool CNetCore_Socket::NetCore_Socket_Recv(int hSocket, char* lpszMsgBuffer, int* pInt_MsgLen) {
     ClearError();
+    // without a length nothing can be received
+    if (pInt_MsgLen == nullptr) return Fail(ERROR_NETCORE_SOCKET_RECV_FAILED);
     ssize_t nRet = recv(hSocket, lpszMsgBuffer, *pInt_MsgLen, 0);
     if (nRet == -1) {
         return Fail(errno == EAGAIN ? ERROR_NETCORE_SOCKET_RECV_EMPTY : ERROR_NETCORE_SOCKET_RECV_FAILED);

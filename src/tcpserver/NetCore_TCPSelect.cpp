@@ -32,16 +32,6 @@ void Pause() {
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
 }
 
-// The readiness wait of the accept and worker threads: the same select as
-// NetCore_Socket_IOSelect (the whole time-out in the microseconds field), but a time-out here is
-// routine and must not overwrite the error state the application reads after its own calls.
-bool WaitReadable(int hSocket, int nTimeOutMs) {
-    struct timeval st_TimeOut {};
-    st_TimeOut.tv_usec = static_cast<int>(static_cast<unsigned int>(nTimeOutMs) * 1000u);
-    bool bIsSet = false;
-    return netcore::platform::SelectOne(hSocket, true, &st_TimeOut, &bIsSet) > 0 && bIsSet;
-}
-
 void CloseSocket(int hSocket) {
     shutdown(hSocket, SHUT_RDWR);
     close(hSocket);
@@ -110,6 +100,8 @@ bool CNetCore_TCPSelect::NetCore_TCPSelect_RegisterCallBack(CALLBACK_NETCORE_TCP
 
 bool CNetCore_TCPSelect::NetCore_TCPSelect_Send(const char* lpszClientAddr, const char* lpszMsgBuffer, int nMsgLen) {
     ClearError();
+    // a null address names no client
+    if (lpszClientAddr == nullptr) return Fail(ERROR_NETCORE_TCPSELECT_SEND_NOTFOUND);
     {
         std::shared_lock<std::shared_mutex> st_Lock(st_LockerClient);
         auto it = stl_MapClient.find(lpszClientAddr);
@@ -124,6 +116,7 @@ bool CNetCore_TCPSelect::NetCore_TCPSelect_Send(const char* lpszClientAddr, cons
 }
 
 bool CNetCore_TCPSelect::NetCore_TCPSelect_RemoveClient(const char* lpszClientAddr) {
+    if (lpszClientAddr == nullptr) return true;  // as an unknown address
     std::unique_ptr<NETCORE_TCPSELECT> pSt_Client;
     {
         std::unique_lock<std::shared_mutex> st_Lock(st_LockerClient);
@@ -232,7 +225,7 @@ bool CNetCore_TCPSelect::NetCore_TCPSelect_ReadIOEvent(char* lpszClientAddr, cha
 
 void CNetCore_TCPSelect::NetCore_TCPSelect_MainThread(void*) {
     while (bIsRun) {
-        if (!WaitReadable(hListenSocket, nTimeOut)) {
+        if (!m_Socket.NetCore_Socket_IOSelect(hListenSocket, true, nTimeOut)) {
             Pause();
             continue;
         }
@@ -300,7 +293,7 @@ void CNetCore_TCPSelect::NetCore_TCPSelect_WorkThread(void* lParam) {
     char tszBuffer[kRecvBuffer];
     bool bLeft = false;
     while (pSt_Client->bIsRun) {
-        if (WaitReadable(pSt_Client->hSocket, nTimeOut)) {
+        if (m_Socket.NetCore_Socket_IOSelect(pSt_Client->hSocket, true, nTimeOut)) {
             ssize_t nRecv = recv(pSt_Client->hSocket, tszBuffer, sizeof(tszBuffer), 0);
             if (nRecv < 1) {
                 bLeft = true;

@@ -134,6 +134,8 @@ bool CNetCore_TCPXPoll::NetCore_TCPXPoll_RegisterCallBack(CALLBACK_NETCORE_TCPSE
 
 bool CNetCore_TCPXPoll::NetCore_TCPXPoll_Send(const char* lpszClientAddr, const char* lpszMsgBuffer, int nMsgLen) {
     ClearError();
+    // a null address names no client
+    if (lpszClientAddr == nullptr) return Fail(ERROR_NETCORE_TCPXPOLL_SEND_NOTFOUND);
     // The lock stays shared over the send so that Close cannot close the descriptor (and a new
     // client take its number) in between.
     std::shared_lock<std::shared_mutex> st_Lock(st_Locker);
@@ -148,6 +150,7 @@ bool CNetCore_TCPXPoll::NetCore_TCPXPoll_Send(const char* lpszClientAddr, const 
 }
 
 bool CNetCore_TCPXPoll::NetCore_TCPXPoll_Close(const char* lpszClientAddr) {
+    if (lpszClientAddr == nullptr) return true;  // as an unknown address
     std::unique_lock<std::shared_mutex> st_Lock(st_Locker);
     auto it = stl_MapClient.find(lpszClientAddr);
     if (it == stl_MapClient.end()) return true;
@@ -225,8 +228,9 @@ bool CNetCore_TCPXPoll::NetCore_TCPXPoll_Stop(bool bClearFlow) {
 
 bool CNetCore_TCPXPoll::NetCore_TCPXPoll_GetNetFlow(unsigned long long* pInt_FlowUp,
                                                     unsigned long long* pInt_FlowDown) {
-    *pInt_FlowUp = nFlowUp;
-    *pInt_FlowDown = nFlowDown;
+    // no null test: a null output is skipped and the other still filled
+    if (pInt_FlowUp != nullptr) *pInt_FlowUp = nFlowUp;
+    if (pInt_FlowDown != nullptr) *pInt_FlowDown = nFlowDown;
     return true;
 }
 

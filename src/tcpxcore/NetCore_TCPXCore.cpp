@@ -28,7 +28,7 @@ constexpr uint32_t kEventsRecv = EPOLLIN | EPOLLET;
 constexpr uint32_t kEventsRecvSend = EPOLLIN | EPOLLOUT | EPOLLET;
 // A client that keeps its socket full would otherwise hold its event thread forever: after this
 // many reads in one event the registration is re-armed, which queues a fresh event behind the
-// other clients' ones while data is still waiting.
+// other clients' ones while data is still waiting, so the drain to EAGAIN goes on from there.
 constexpr int kMaxReadsPerEvent = 64;
 
 // The server whose event loop runs on this thread, if any.
@@ -488,10 +488,11 @@ bool CNetCore_TCPXCore::NetCore_TCPXCore_RecvClient(NETCORE_TCPEPOLL_CLIENT* pSt
     // edge-triggered: read until the socket is drained
     for (int nReads = 0;; nReads++) {
         if (nReads == kMaxReadsPerEvent) {
-            if (!pSt_Client->bPaused.load()) {
-                EpollCtl(pSt_Client->hEpoll, EPOLL_CTL_MOD, pSt_Client->hSocket,
-                         pSt_Client->bCBSend.load() ? kEventsRecvSend : kEventsRecv);
-            }
+            // Re-armed whatever the pause state: a paused client is out of the epoll set, where
+            // the modification fails harmlessly, and its resume adds it back with the data
+            // still reported. Skipping it would leave the rest unread until more data arrives.
+            EpollCtl(pSt_Client->hEpoll, EPOLL_CTL_MOD, pSt_Client->hSocket,
+                     pSt_Client->bCBSend.load() ? kEventsRecvSend : kEventsRecv);
             return true;
         }
         ssize_t nRet = recv(pSt_Client->hSocket, tszBuffer, NETCORE_TCPXCORE_BUFFER_SIZE, 0);

@@ -38,6 +38,21 @@ unsigned long long TickNow() {
     return BaseLib_OperatorTime_GetTickCount64();
 }
 
+// "%s:%d" of a sender; every version number but 2 takes the IPv6 path.
+void FormatAddr(const struct sockaddr_in6& st_Addr, bool bIPv4, char* ptszClientAddr) {
+    char tszAddr[kAddrTextSize] = "";
+    int nPort;
+    if (bIPv4) {
+        const struct sockaddr_in* pSt_Addr4 = reinterpret_cast<const struct sockaddr_in*>(&st_Addr);
+        inet_ntop(AF_INET, &pSt_Addr4->sin_addr, tszAddr, sizeof(tszAddr));
+        nPort = ntohs(pSt_Addr4->sin_port);
+    } else {
+        inet_ntop(AF_INET6, &st_Addr.sin6_addr, tszAddr, sizeof(tszAddr));
+        nPort = ntohs(st_Addr.sin6_port);
+    }
+    snprintf(ptszClientAddr, kAddrTextSize, "%s:%d", tszAddr, nPort);
+}
+
 void CloseFd(int& hFd) {
     if (hFd >= 0) close(hFd);
     hFd = -1;
@@ -71,12 +86,8 @@ bool CNetCore_UDPXCore::NetCore_UDPXCore_Start(int nPort, int nThread, int nTime
     nTimeStart.store(TickNow(), std::memory_order_relaxed);
 
     std::list<THREADPOOL_PARAMENT> stl_ListParam;
-    // A failed start releases what it made (its code stands), so a server that is never
-    // destroyed holds no socket or descriptor.
-    if (!NetCore_UDPXCore_Create(nPort, nThreadCount, &stl_ListParam)) {
-        ReleaseRun();
-        return false;
-    }
+    // What Create made before failing stays (the bound socket included) until Destroy.
+    if (!NetCore_UDPXCore_Create(nPort, nThreadCount, &stl_ListParam)) return false;
     int i = 0;
     for (const THREADPOOL_PARAMENT& st_Task : stl_ListParam) {
         *ppSt_ListPool[i++] = st_Task;
@@ -94,10 +105,13 @@ bool CNetCore_UDPXCore::NetCore_UDPXCore_Create(int nPort, int nThread,
                                                 std::list<THREADPOOL_PARAMENT>* pStl_ListParam) {
     int hNewSocket = -1;
     if (!st_Socket.NetCore_Socket_Create(&hNewSocket, false, nIPVer)) return false;
+    if (!st_Socket.NetCore_Socket_SetReAddr(hNewSocket) || !st_Socket.NetCore_Socket_SetNoneBlock(hNewSocket, true) ||
+        !st_Socket.NetCore_Socket_Bind(hNewSocket, nPort, false, nIPVer)) {
+        // a socket that never got its port is of no use to anyone; a raw close keeps the code
+        close(hNewSocket);
+        return false;
+    }
     hSocket.store(hNewSocket, std::memory_order_relaxed);
-    if (!st_Socket.NetCore_Socket_SetReAddr(hNewSocket)) return false;
-    if (!st_Socket.NetCore_Socket_SetNoneBlock(hNewSocket, true)) return false;
-    if (!st_Socket.NetCore_Socket_Bind(hNewSocket, nPort, false, nIPVer)) return false;
 
     for (int i = 0; i < nThread; i++) {
         NETCORE_UDPEPOLL_EVENTS* pSt_Events = new (std::nothrow) NETCORE_UDPEPOLL_EVENTS();
@@ -165,6 +179,49 @@ void* CNetCore_UDPXCore::NetCore_UDPXCore_ThreadAccept(void* lParam) {
     return nullptr;
 }
 
+void CNetCore_UDPXCore::Deliver(const char* lpszClientAddr, const char* lpszMsgBuffer, int nMsgLen) {
+    nRecvPackets.fetch_add(1, std::memory_order_relaxed);
+    nRecvBytes.fetch_add(static_cast<unsigned long long>(nMsgLen), std::memory_order_relaxed);
+    unsigned long long nNow = TickNow();
+    nTimeRecv.store(nNow, std::memory_order_relaxed);
+    CloseInterval(nTimeRecvFlow, nNow, nFlowRecvBytes, nRecvBytes, nFlowRecvPackets, nRecvPackets);
+
+    CALLBACK_NETCORE_UDPXCORE_RECV fpCall = fpCall_Recv.load(std::memory_order_acquire);
+    // Without a callback the datagram is counted and dropped: there is no one to hand it to.
+    if (fpCall != nullptr) {
+        fpCall(lpszClientAddr, hSocket.load(std::memory_order_relaxed), lpszMsgBuffer, nMsgLen,
+               lParam.load(std::memory_order_relaxed));
+    }
+}
+
+void CNetCore_UDPXCore::HoldBack(const char* lpszClientAddr, const char* lpszMsgBuffer, int nMsgLen) {
+    std::lock_guard<std::mutex> st_Lock(st_LockHeld);
+    try {
+        stl_ListHeld.emplace_back(lpszClientAddr, std::string(lpszMsgBuffer, static_cast<size_t>(nMsgLen)));
+    } catch (const std::bad_alloc&) {
+        return;  // without memory the datagram is lost, as a full socket buffer would lose it
+    }
+    bHeld.store(true, std::memory_order_release);
+}
+
+bool CNetCore_UDPXCore::DeliverHeld(const std::atomic<bool>* pbRun) {
+    for (;;) {
+        std::pair<std::string, std::string> st_Held;
+        {
+            std::lock_guard<std::mutex> st_Lock(st_LockHeld);
+            if (stl_ListHeld.empty()) {
+                bHeld.store(false, std::memory_order_release);
+                return true;
+            }
+            st_Held = std::move(stl_ListHeld.front());
+            stl_ListHeld.pop_front();
+        }
+        if (st_Held.second.empty()) return false;
+        Deliver(st_Held.first.c_str(), st_Held.second.data(), static_cast<int>(st_Held.second.size()));
+        if (pbRun != nullptr && !pbRun->load(std::memory_order_acquire)) return false;
+    }
+}
+
 bool CNetCore_UDPXCore::NetCore_UDPXCore_Recv(int hRecvSocket, NETCORE_UDPEPOLL_BUFFER* pSt_Buffer,
                                               unsigned long nBufferLen) {
     (void)pSt_Buffer;
@@ -180,6 +237,11 @@ bool CNetCore_UDPXCore::NetCore_UDPXCore_Recv(int hRecvSocket, NETCORE_UDPEPOLL_
     struct sockaddr_in6 st_Addrs[kRecvBatch];
     struct iovec st_Iovs[kRecvBatch];
     struct mmsghdr st_Msgs[kRecvBatch];
+
+    if (bHeld.load(std::memory_order_acquire) && hRecvSocket == hSocket.load(std::memory_order_relaxed) &&
+        !DeliverHeld(pbRun)) {
+        return true;
+    }
 
     // The socket is edge-triggered: drain it until it would block, or a later datagram could
     // wait for the next arrival to be noticed.
@@ -199,36 +261,19 @@ bool CNetCore_UDPXCore::NetCore_UDPXCore_Recv(int hRecvSocket, NETCORE_UDPEPOLL_
         if (nCount < 1) break;
 
         for (int i = 0; i < nCount; i++) {
+            FormatAddr(st_Addrs[i], bIPv4, tszClientAddr);
             const int nLen = static_cast<int>(st_Msgs[i].msg_len);
-            // An empty datagram carries nothing to deliver and is passed over; stopping at it
-            // would leave the datagrams queued behind it unseen until the next one arrives.
-            if (nLen == 0) continue;
-
-            char tszAddr[kAddrTextSize] = "";
-            int nPort;
-            if (bIPv4) {
-                const struct sockaddr_in* pSt_Addr4 = reinterpret_cast<const struct sockaddr_in*>(&st_Addrs[i]);
-                inet_ntop(AF_INET, &pSt_Addr4->sin_addr, tszAddr, sizeof(tszAddr));
-                nPort = ntohs(pSt_Addr4->sin_port);
-            } else {
-                // every version number but 2 takes this path, so the text is made as IPv6
-                inet_ntop(AF_INET6, &st_Addrs[i].sin6_addr, tszAddr, sizeof(tszAddr));
-                nPort = ntohs(st_Addrs[i].sin6_port);
+            if (nLen == 0) {
+                // An empty datagram ends the drain. Those read in the same batch behind it are
+                // still the head of the queue and wait, like the socket's, for the next arrival.
+                // errno is not the socket's here, so no receive error is reported.
+                for (int j = i + 1; j < nCount; j++) {
+                    FormatAddr(st_Addrs[j], bIPv4, tszClientAddr);
+                    HoldBack(tszClientAddr, tszMsgBuffer[j], static_cast<int>(st_Msgs[j].msg_len));
+                }
+                return true;
             }
-            snprintf(tszClientAddr, sizeof(tszClientAddr), "%s:%d", tszAddr, nPort);
-
-            nRecvPackets.fetch_add(1, std::memory_order_relaxed);
-            nRecvBytes.fetch_add(static_cast<unsigned long long>(nLen), std::memory_order_relaxed);
-            unsigned long long nNow = TickNow();
-            nTimeRecv.store(nNow, std::memory_order_relaxed);
-            CloseInterval(nTimeRecvFlow, nNow, nFlowRecvBytes, nRecvBytes, nFlowRecvPackets, nRecvPackets);
-
-            CALLBACK_NETCORE_UDPXCORE_RECV fpCall = fpCall_Recv.load(std::memory_order_acquire);
-            // Without a callback the datagram is counted and dropped: there is no one to hand it to.
-            if (fpCall != nullptr) {
-                fpCall(tszClientAddr, hSocket.load(std::memory_order_relaxed), tszMsgBuffer[i], nLen,
-                       lParam.load(std::memory_order_relaxed));
-            }
+            Deliver(tszClientAddr, tszMsgBuffer[i], nLen);
             if (pbRun != nullptr && !pbRun->load(std::memory_order_acquire)) return true;
         }
     }
@@ -388,6 +433,11 @@ void CNetCore_UDPXCore::ReleaseRun() {
         CloseFd(pSt_Events->hEpoll);
     }
     stl_ListEvents.clear();
+    {
+        std::lock_guard<std::mutex> st_Lock(st_LockHeld);
+        stl_ListHeld.clear();
+        bHeld.store(false, std::memory_order_relaxed);
+    }
     if (ppSt_ListPool != nullptr) {
         BaseLib_OperatorMemory_Free(reinterpret_cast<void***>(&ppSt_ListPool), nThreadCount);
     }

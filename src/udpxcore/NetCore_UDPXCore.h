@@ -6,8 +6,12 @@
 #include <sys/epoll.h>
 
 #include <atomic>
+#include <deque>
 #include <list>
 #include <memory>
+#include <mutex>
+#include <string>
+#include <utility>
 
 #include "../socket/NetCore_Socket.h"
 #include "Ombrelt_NetCore.h"
@@ -62,6 +66,10 @@ protected:
 
 private:
     void ReleaseRun();
+    void Deliver(const char* lpszClientAddr, const char* lpszMsgBuffer, int nMsgLen);
+    void HoldBack(const char* lpszClientAddr, const char* lpszMsgBuffer, int nMsgLen);
+    // Hands out the held datagrams; false when an empty one (or a stop) ends the drain.
+    bool DeliverHeld(const std::atomic<bool>* pbRun);
     void CloseInterval(std::atomic<unsigned long long>& nTimeFlowStart, unsigned long long nTimeNow,
                        std::atomic<unsigned long long>& nFlowBytes, const std::atomic<unsigned long long>& nBytes,
                        std::atomic<unsigned long long>& nFlowPackets, const std::atomic<unsigned long long>& nPackets);
@@ -100,4 +108,9 @@ private:
     tag_ThreadPool_Parament** ppSt_ListPool = nullptr;
     // Touched only by Start and Destroy, on the caller's thread.
     std::list<std::unique_ptr<NETCORE_UDPEPOLL_EVENTS>> stl_ListEvents;
+    // Datagrams read in one batch behind an empty one, (address text, data) in arrival order:
+    // they are the head of the queue until the next arrival drains again.
+    std::mutex st_LockHeld;
+    std::deque<std::pair<std::string, std::string>> stl_ListHeld;
+    std::atomic<bool> bHeld{false};
 };

@@ -51,8 +51,13 @@ bool UDXEngine::Accept(const char* lpszClientAddr, unsigned int nWindow) {
     ClearError();
     if (lpszClientAddr == nullptr) return Fail(ERROR_NETCORE_UDX_ACCEPT_PARAMENT);
 
-    std::unique_lock<std::shared_mutex> st_Lock(st_Locker);
-    if (stl_MapClient.count(lpszClientAddr) != 0) return true;
+    // Accepts run one at a time, so a peer's session is made once. The table lock is not held
+    // here: the login callback may send, and the session threads go on serving other peers.
+    std::lock_guard<std::mutex> st_LockAccept(st_LockerAccept);
+    {
+        std::shared_lock<std::shared_mutex> st_Lock(st_Locker);
+        if (stl_MapClient.count(lpszClientAddr) != 0) return true;
+    }
 
     tag_NetCore_UDXClient* pSt_Client = new (std::nothrow) tag_NetCore_UDXClient();
     if (pSt_Client == nullptr) return Fail(ERROR_NETCORE_UDX_ACCEPT_MALLOC);
@@ -60,18 +65,19 @@ bool UDXEngine::Accept(const char* lpszClientAddr, unsigned int nWindow) {
     pSt_Client->nWindowSelf = static_cast<unsigned int>(m_st_Config.nWindowSize);
     pSt_Client->nWindowPeer = nWindow;
     CopyAddr(pSt_Client->tszClientAddr, sizeof(pSt_Client->tszClientAddr), lpszClientAddr);
+    if (m_st_Config.bHeartBeat) {
+        // The session enters the table only after the login callback has returned, so nothing
+        // reaches the peer for it before. Its result is not used: the session is kept either way.
+        if (m_st_Hooks.fnLogin) m_st_Hooks.fnLogin(lpszClientAddr);
+        if (m_st_Hooks.fnAccepted) m_st_Hooks.fnAccepted(lpszClientAddr);
+    }
+    std::unique_lock<std::shared_mutex> st_Lock(st_Locker);
     try {
         stl_MapClient.emplace(lpszClientAddr, pSt_Client);
     } catch (const std::bad_alloc&) {
         FreeClient(pSt_Client);
         return Fail(ERROR_NETCORE_UDX_ACCEPT_MALLOC);
     }
-    if (!m_st_Config.bHeartBeat) return true;
-    if (m_st_Hooks.fnAccepted) m_st_Hooks.fnAccepted(lpszClientAddr);
-    st_Lock.unlock();
-    // Called outside the table lock so that the application may send to the new peer from its
-    // login callback. Its result is not used: the session is kept either way.
-    if (m_st_Hooks.fnLogin) m_st_Hooks.fnLogin(lpszClientAddr);
     return true;
 }
 
@@ -237,10 +243,9 @@ bool UDXEngine::Parse(const char* lpszClientAddr, const char* lpszMsgBuffer, int
 
 bool UDXEngine::Send(const char* lpszClientAddr, const char* lpszMsgBuffer, int nMsgLen, unsigned long long nTick) {
     ClearError();
-    // a null address or a negative length cannot name a message either
-    if (lpszMsgBuffer == nullptr || lpszClientAddr == nullptr || nMsgLen < 0) {
-        return Fail(ERROR_NETCORE_UDX_SEND_PARAMENT);
-    }
+    if (lpszMsgBuffer == nullptr) return Fail(ERROR_NETCORE_UDX_SEND_PARAMENT);
+    // a null address names no session
+    if (lpszClientAddr == nullptr) return Fail(ERROR_NETCORE_UDX_SEND_NOTFOUND);
 
     std::vector<tag_NetCore_UDXSender> stl_Batch;
     std::string strAddr(lpszClientAddr);
@@ -251,10 +256,13 @@ bool UDXEngine::Send(const char* lpszClientAddr, const char* lpszMsgBuffer, int 
         tag_NetCore_UDXClient* pSt_Client = stl_MapIt->second;
         std::lock_guard<std::mutex> st_LockSerial(pSt_Client->st_LockSerial);
 
+        // the length is compared as unsigned, so a negative one exceeds any window
         const unsigned int nWindowPeer = pSt_Client->nWindowPeer.load(std::memory_order_relaxed);
         if (nWindowPeer != 0 && static_cast<unsigned int>(nMsgLen) > nWindowPeer) {
             return Fail(ERROR_NETCORE_UDX_SEND_WINDOW);
         }
+        // with no window to stop it a negative length would be cut into pieces past the buffer
+        if (nMsgLen < 0) return Fail(ERROR_NETCORE_UDX_SEND_PARAMENT);
 
         const bool bMerge = m_st_Config.bMtap && nMsgLen < UDX_MTAP_LIMIT;
         int nOffset = 0;

@@ -111,7 +111,10 @@ private:
 
     std::atomic<unsigned long long> m_nSendBytes{0}, m_nRecvBytes{0}, m_nSendPackets{0}, m_nRecvPackets{0};
 
-    // Lock order: st_LockerClose before st_Locker; st_Locker before any session lock.
+    // Lock order: st_LockerAccept, then st_LockerClose, then st_Locker; st_Locker before any
+    // session lock. st_LockerAccept is held across the login callback, so it is never taken
+    // with another lock held.
+    std::mutex st_LockerAccept;   // one Accept at a time
     std::shared_mutex st_Locker;  // the session table
     std::mutex st_LockerClose;    // the deferred-close list
     ClientMap stl_MapClient;

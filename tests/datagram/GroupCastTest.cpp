@@ -103,16 +103,17 @@ TEST_F(GroupCastTest, CreateFailuresGiveTheirCodesAndCloseTheSocket) {
     int socket = -7;
     EXPECT_FALSE(NetCore_GroupCast_Create(nullptr, 0, "239.1.2.3", "127.0.0.1", 0, true, AF_INET));
     ExpectFailure(ERROR_NETCORE_GROUPCAST_PARAMENT);
-    EXPECT_FALSE(NetCore_GroupCast_Create(&socket, 0, nullptr, "127.0.0.1", 0, true, AF_INET));
-    ExpectFailure(ERROR_NETCORE_GROUPCAST_PARAMENT);
-    EXPECT_FALSE(NetCore_GroupCast_Create(&socket, 0, "239.1.2.3", nullptr, 0, true, AF_INET));
-    ExpectFailure(ERROR_NETCORE_GROUPCAST_PARAMENT);
+    // a null address text is no address: creation fails at the step it reaches
+    EXPECT_FALSE(NetCore_GroupCast_Create(&socket, 0, nullptr, nullptr, 300, true, AF_INET));
+    ExpectFailure(ERROR_NETCORE_GROUPCAST_CREATE_TTL);
 
-    // a group text that is not a multicast address cannot be joined (to get that far, the
-    // platform must take the outgoing interface)
+    // a group text that is not a multicast address, or none, cannot be joined (to get that far,
+    // the platform must take the outgoing interface)
     if (dgtest::MulticastInterfaceSupported()) {
-        EXPECT_FALSE(NetCore_GroupCast_Create(&socket, 0, "10.1.2.3", "127.0.0.1", 0, true, AF_INET));
-        ExpectFailure(ERROR_NETCORE_GROUPCAST_CREATE_JOIN);
+        for (const char* lpszGroup : {"10.1.2.3", static_cast<const char*>(nullptr)}) {
+            EXPECT_FALSE(NetCore_GroupCast_Create(&socket, 0, lpszGroup, "127.0.0.1", 0, true, AF_INET));
+            ExpectFailure(ERROR_NETCORE_GROUPCAST_CREATE_JOIN);
+        }
     }
     // an interface address the machine does not have is refused as the outgoing interface,
     // which reports as a bind failure
@@ -123,6 +124,8 @@ TEST_F(GroupCastTest, CreateFailuresGiveTheirCodesAndCloseTheSocket) {
     const int ttl6 = dgtest::Ipv6Option33Supported() ? 3 : 0;
     for (int ipver : {AF_INET6, 0}) {
         EXPECT_FALSE(NetCore_GroupCast_Create(&socket, 0, "ff15::77", "::1", ttl6, true, ipver));
+        ExpectFailure(ERROR_NETCORE_GROUPCAST_CREATE_BIND);
+        EXPECT_FALSE(NetCore_GroupCast_Create(&socket, 0, nullptr, nullptr, ttl6, true, ipver));
         ExpectFailure(ERROR_NETCORE_GROUPCAST_CREATE_BIND);
     }
     EXPECT_EQ(-7, socket);  // nothing handed out; the fixture checks nothing stayed open

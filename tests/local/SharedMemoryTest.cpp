@@ -98,19 +98,23 @@ TEST_F(SharedMemoryTest, MappedRegionCodesKeepTheirShortForm) {
     ExpectFailure(0x0020A150);
 }
 
-TEST_F(SharedMemoryTest, AccessPastTheRegionIsNotRefusedAndTouchesNothingOutside) {
+TEST_F(SharedMemoryTest, AccessPastTheRegionIsNotRefusedAndTouchesNothingOutsideTheMapping) {
+    const int nPage = static_cast<int>(sysconf(_SC_PAGESIZE));
     ASSERT_TRUE(NetCore_PIPMMap_Create("small", nullptr, 100));
     char data[64];
     memset(data, 'd', sizeof(data));
-    EXPECT_TRUE(NetCore_PIPMMap_Write("small", data, 64, 80));       // straddles the end
-    EXPECT_TRUE(NetCore_PIPMMap_Write("small", data, 64, 1 << 30));  // far beyond
-    EXPECT_TRUE(NetCore_PIPMMap_Write("small", data, 64, -32));      // straddles the start
+    EXPECT_TRUE(NetCore_PIPMMap_Write("small", data, 64, 80));          // past the size, inside the page
+    EXPECT_TRUE(NetCore_PIPMMap_Write("small", data, 64, nPage - 32));  // straddles the mapping's end
+    EXPECT_TRUE(NetCore_PIPMMap_Write("small", data, 64, 1 << 30));     // far beyond
+    EXPECT_TRUE(NetCore_PIPMMap_Write("small", data, 64, -32));         // straddles the start
     EXPECT_TRUE(NetCore_PIPMMap_Write("small", data, -5, 0));
 
     char back[64];
     memset(back, 'x', sizeof(back));
     EXPECT_TRUE(NetCore_PIPMMap_Read("small", back, 64, 80));
-    EXPECT_EQ(std::string(20, 'd') + std::string(44, '\0'), std::string(back, 64));
+    EXPECT_EQ(std::string(64, 'd'), std::string(back, 64));
+    EXPECT_TRUE(NetCore_PIPMMap_Read("small", back, 64, nPage - 32));
+    EXPECT_EQ(std::string(32, 'd') + std::string(32, '\0'), std::string(back, 64));
     EXPECT_TRUE(NetCore_PIPMMap_Read("small", back, 4, 0));
     EXPECT_EQ("dddd", std::string(back, 4));
     EXPECT_TRUE(NetCore_PIPMMap_Close("small"));

@@ -183,9 +183,12 @@ TEST_F(SerialPortTest, UnknownRateKeepsTheLineSpeed) {
 }
 
 TEST_F(SerialPortTest, PathThatCannotBeOpenedFailsWithTheFlagDown) {
-    ASSERT_FALSE(NetCore_SerialPort_OpenDev("/nonexistent/serial0", 9600, kNone, 1, 8, nullptr, nullptr));
-    EXPECT_FALSE(ErrorFlag());
-    EXPECT_EQ(ERROR_NETCORE_SERIALPORT_SPEED_GETATTR, Code());
+    for (const char* lpszPath : {"/nonexistent/serial0", static_cast<const char*>(nullptr)}) {
+        nctest::ResetErrorState();
+        ASSERT_FALSE(NetCore_SerialPort_OpenDev(lpszPath, 9600, kNone, 1, 8, nullptr, nullptr));
+        EXPECT_FALSE(ErrorFlag());
+        EXPECT_EQ(ERROR_NETCORE_SERIALPORT_SPEED_GETATTR, Code());
+    }
 
     // a file that is not a terminal opens, is refused the same way, and is closed again
     // (the fixture checks that no descriptor is left)
@@ -241,10 +244,10 @@ TEST_F(SerialPortTest, SendDataWritesAndAnswersFalse) {
     EXPECT_FALSE(ErrorFlag());
     EXPECT_EQ(ERROR_NETCORE_SERIALPORT_SEND_NOTFOUND, Code());
 
-    // a negative length writes nothing and counts as a short write
+    // a negative length is a write that fails
     EXPECT_FALSE(NetCore_SerialPort_SendData(path, reinterpret_cast<unsigned char*>(&line[0]), -5));
     EXPECT_TRUE(ErrorFlag());
-    EXPECT_EQ(ERROR_NETCORE_SERIALPORT_SEND_LEN, Code());
+    EXPECT_EQ(ERROR_NETCORE_SERIALPORT_SEND_FAILED, Code());
     EXPECT_TRUE(NetCore_SerialPort_CloseDev(path));
 }
 
@@ -270,6 +273,17 @@ TEST_F(SerialPortTest, PullReadsWithAndWithoutData) {
         return rest.size() >= 6;
     }));
     EXPECT_EQ("efghij", rest);
+
+    // with data waiting, a null buffer or a negative size is a read that fails: its -1 is the count
+    WriteAll(pty->Master(), "k");
+    for (unsigned char* pBuffer : {static_cast<unsigned char*>(nullptr), buffer}) {
+        ASSERT_TRUE(WaitFor([&] {
+            len = pBuffer == nullptr ? int(sizeof(buffer)) : -1;
+            return NetCore_SerialPort_RecvData(path, pBuffer, &len);
+        }));
+        EXPECT_FALSE(ErrorFlag());
+        EXPECT_EQ(-1, len);
+    }
 
     len = sizeof(buffer);
     EXPECT_TRUE(NetCore_SerialPort_RecvData("/dev/ttyNOPE", buffer, &len));
@@ -417,6 +431,7 @@ TEST_F(SerialPortTest, IsOpenDevTellsWhetherThePathOpens) {
     EXPECT_FALSE(ErrorFlag());
     EXPECT_FALSE(NetCore_SerialPort_IsOpenDev("/nonexistent/serial0"));
     EXPECT_FALSE(ErrorFlag());
+    EXPECT_FALSE(NetCore_SerialPort_IsOpenDev(nullptr));
     // it does not tell whether the library holds the device
     ASSERT_TRUE(NetCore_SerialPort_OpenDev(path, 9600, kNone, 1, 8, nullptr, nullptr));
     EXPECT_TRUE(NetCore_SerialPort_IsOpenDev(path));

@@ -274,6 +274,8 @@ TEST_F(SocketTest, RecvReportsEmptyClosedAndFailed) {
 
     EXPECT_FALSE(NetCore_Socket_Recv(ClosedFd(), buf, &len));
     ExpectFailure(ERROR_NETCORE_SOCKET_RECV_FAILED);
+    EXPECT_FALSE(NetCore_Socket_Recv(server.Get(), buf, nullptr));
+    ExpectFailure(ERROR_NETCORE_SOCKET_RECV_FAILED);
 }
 
 // ----- Close and options -------------------------------------------------------------------------

@@ -130,9 +130,12 @@ TEST_F(TCPSelectTest, ArgumentAndStateFailures) {
     ExpectFailure(ERROR_NETCORE_TCPSELECT_GETLIST_PARAMENT);
     EXPECT_FALSE(NetCore_TCPSelect_GetList(nullptr, &count));
     ExpectFailure(ERROR_NETCORE_TCPSELECT_GETLIST_EMPTY);
-    EXPECT_FALSE(NetCore_TCPSelect_Send("127.0.0.1:1", "x", 1));
-    ExpectFailure(ERROR_NETCORE_TCPSELECT_SEND_NOTFOUND);
-    EXPECT_TRUE(NetCore_TCPSelect_RemoveClient("127.0.0.1:1"));
+    // a null address is an unknown one
+    for (const char* lpszAddr : {"127.0.0.1:1", static_cast<const char*>(nullptr)}) {
+        EXPECT_FALSE(NetCore_TCPSelect_Send(lpszAddr, "x", 1));
+        ExpectFailure(ERROR_NETCORE_TCPSELECT_SEND_NOTFOUND);
+        EXPECT_TRUE(NetCore_TCPSelect_RemoveClient(lpszAddr));
+    }
 
     int busyPort = 0;
     Fd busy = nctest::ListenTcp(AF_INET, &busyPort);

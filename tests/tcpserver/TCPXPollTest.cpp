@@ -144,9 +144,16 @@ TEST_F(TCPXPollTest, ArgumentAndStateFailures) {
     ExpectFailure(ERROR_NETCORE_TCPSELECT_GETLIST_PARAMENT);
     EXPECT_FALSE(NetCore_TCPXPoll_GetList(nullptr, &count));
     ExpectFailure(ERROR_NETCORE_TCPSELECT_GETLIST_EMPTY);
-    EXPECT_FALSE(NetCore_TCPXPoll_Send("127.0.0.1:1", "x", 1));
-    ExpectFailure(ERROR_NETCORE_TCPXPOLL_SEND_NOTFOUND);
-    EXPECT_TRUE(NetCore_TCPXPoll_Close("127.0.0.1:1"));
+    // a null address is an unknown one
+    for (const char* lpszAddr : {"127.0.0.1:1", static_cast<const char*>(nullptr)}) {
+        EXPECT_FALSE(NetCore_TCPXPoll_Send(lpszAddr, "x", 1));
+        ExpectFailure(ERROR_NETCORE_TCPXPOLL_SEND_NOTFOUND);
+        EXPECT_TRUE(NetCore_TCPXPoll_Close(lpszAddr));
+    }
+    // a null output is skipped, the other still filled
+    unsigned long long nFlow = 0;
+    EXPECT_TRUE(NetCore_TCPXPoll_GetNetFlow(nullptr, &nFlow));
+    EXPECT_TRUE(NetCore_TCPXPoll_GetNetFlow(&nFlow, nullptr));
     EXPECT_TRUE(NetCore_TCPXPoll_Stop(true)) << "stopping a stopped server";
 
     // a busy port: the bind's code

@@ -1,6 +1,7 @@
 // The TCP epoll server through its exported handle functions, with real loopback clients:
 // connect, receive, send, leave, admission, per-client controls, queries and lifecycle.
 #include <fcntl.h>
+#include <sys/ioctl.h>
 #include <sys/resource.h>
 
 #include <algorithm>
@@ -185,6 +186,28 @@ TEST_F(TCPXCoreTest, PausedClientIsNotReadUntilResumed) {
     ASSERT_TRUE(NetCore_TCPXCore_PasueRecvEx(server.Handle(), strAddr.c_str(), true));
     ASSERT_TRUE(WaitFor([&] { return server.Events().RecvCount() == 1; }));
     EXPECT_EQ("held", server.Events().Recvs()[0].strData);
+
+    // A burst of many reads, all waiting in the server's socket while paused, is drained in full
+    // on resume: no later arrival comes to report what a shorter drain would leave behind. The
+    // server's side of the connection lives in this process; its buffer is grown to hold it all.
+    const std::string strBurst(2 << 20, 'b');
+    int hServerSide = server.Events().Logins()[0].second;
+    int nBuffer = 4 * static_cast<int>(strBurst.size());
+    socklen_t nOptLen = sizeof(nBuffer);
+    setsockopt(hServerSide, SOL_SOCKET, SO_RCVBUF, &nBuffer, nOptLen);
+    getsockopt(hServerSide, SOL_SOCKET, SO_RCVBUF, &nBuffer, &nOptLen);
+    if (nBuffer < 2 * static_cast<int>(strBurst.size())) GTEST_SKIP() << "receive buffers are capped at " << nBuffer;
+    ASSERT_TRUE(NetCore_TCPXCore_PasueRecvEx(server.Handle(), strAddr.c_str(), false));
+    std::atomic<bool> bSent{false};
+    std::thread st_Sender([&] { bSent = SendAll(client.Get(), strBurst); });
+    EXPECT_TRUE(WaitFor([&] {
+        int nUnsent = -1;
+        return bSent.load() && ioctl(client.Get(), TIOCOUTQ, &nUnsent) == 0 && nUnsent == 0;
+    })) << "the burst did not reach the server's socket";
+    ASSERT_TRUE(NetCore_TCPXCore_PasueRecvEx(server.Handle(), strAddr.c_str(), true));
+    st_Sender.join();
+    EXPECT_TRUE(WaitFor([&] { return server.Events().DataOf(strAddr).size() == 4 + strBurst.size(); }))
+        << server.Events().DataOf(strAddr).size();
 }
 
 struct Writable {

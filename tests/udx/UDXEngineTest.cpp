@@ -165,7 +165,7 @@ TEST_F(EngineTest, ConnectIsAnsweredWithTheWindowAndARepeatChangesNothing) {
     EXPECT_EQ(0, m_Wire[0].Head().wSerial);
     EXPECT_EQ(5000u, State().nWindowPeer);
     EXPECT_EQ(65536u, State().nWindowSelf);
-    EXPECT_EQ((std::vector<std::string>{"accepted 10.0.0.7:4000", "login 10.0.0.7:4000"}), m_Log)
+    EXPECT_EQ((std::vector<std::string>{"login 10.0.0.7:4000", "accepted 10.0.0.7:4000"}), m_Log)
         << "CONNECT does not refresh";
 
     ASSERT_TRUE(Send("abc"));
@@ -311,6 +311,9 @@ TEST_F(EngineTest, SendCreditRefusesLongMessagesAndWindowPacketsRestoreIt) {
     EXPECT_EQ(ERROR_NETCORE_UDX_SEND_NOTFOUND, NetCore_GetLastError(nullptr));
     EXPECT_FALSE(m_Engine->Send(kPeer, nullptr, 1, 0));
     EXPECT_EQ(ERROR_NETCORE_UDX_SEND_PARAMENT, NetCore_GetLastError(nullptr));
+    // the peer is looked up before the length is judged
+    EXPECT_FALSE(m_Engine->Send("10.0.0.8:1", "x", -1, 0));
+    EXPECT_EQ(ERROR_NETCORE_UDX_SEND_NOTFOUND, NetCore_GetLastError(nullptr));
 }
 
 TEST_F(EngineTest, ReceiveWindowShrinksOnArrivalGrowsOnFetchAndIsAdvertised) {
