@@ -632,8 +632,8 @@ int main(int argc, char** argv) {
     st_Limit.rlim_cur = st_Limit.rlim_max;
     setrlimit(RLIMIT_NOFILE, &st_Limit);
     int nHeld = bShort ? 1000 : 10000;
-    if (static_cast<rlim_t>(2 * nHeld + 1200) > st_Limit.rlim_cur) {
-        nHeld = static_cast<int>((st_Limit.rlim_cur - 1200) / 2);
+    if (static_cast<rlim_t>(2 * nHeld + 200) > st_Limit.rlim_cur) {
+        nHeld = static_cast<int>((st_Limit.rlim_cur - 200) / 2);
         printf("descriptor limit %llu: %d connections held\n", static_cast<unsigned long long>(st_Limit.rlim_cur),
                nHeld);
     }
