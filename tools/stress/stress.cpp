@@ -308,6 +308,7 @@ struct StuckClient {
         Check(WaitFor([&] { return nSent != -1; }, 5s), "closing the client ends the blocked send");
         st_Sender.join();
         close(hSocket);
+        std::vector<char>().swap(stl_Big);  // not to be counted as the server's heap
     }
 };
 
