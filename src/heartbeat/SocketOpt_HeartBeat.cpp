@@ -42,9 +42,10 @@ SOCKETOPT_HEARTBEAT* Find(Map& stl_Map, const Key& st_Key) {
     return stl_It == stl_Map.end() ? nullptr : stl_It->second.get();
 }
 
-std::unique_ptr<SOCKETOPT_HEARTBEAT> NewPeer() {
+std::unique_ptr<SOCKETOPT_HEARTBEAT> NewPeer(uint64_t* pnSerial) {
     auto pSt_HeartBeat = std::make_unique<SOCKETOPT_HEARTBEAT>();
     pSt_HeartBeat->nTimeLast = Now();
+    pSt_HeartBeat->nSerial = ++*pnSerial;
     return pSt_HeartBeat;
 }
 
@@ -59,6 +60,7 @@ CSocketOpt_HeartBeat::~CSocketOpt_HeartBeat() {
 void CSocketOpt_HeartBeat::StopThread() {
     bIsRun = false;
     if (m_pSt_Control) m_pSt_Control->bIsRun = false;
+    WakeThread();
     if (pSTDThread_HeartBeat && pSTDThread_HeartBeat->joinable()) {
         // a callback that stops its own supervisor runs on the thread: it cannot wait for itself
         if (pSTDThread_HeartBeat->get_id() == std::this_thread::get_id()) {
@@ -79,6 +81,7 @@ bool CSocketOpt_HeartBeat::SocketOpt_HeartBeat_Init(int nTimeOut, int nTimeNumbe
     this->bIsRun = true;
     this->bIsAddr = bIsAddr;
     m_nTimeScanned = -1;
+    m_nDueInterval = -1;  // the new thread rebuilds the queue for its interval and mode
     m_pSt_Control = std::make_shared<ThreadControl>();
     m_pSt_Control->bIsRun = true;
     try {
@@ -107,6 +110,7 @@ bool CSocketOpt_HeartBeat::SocketOpt_HeartBeat_Destory() {
     stl_MapSocket.clear();
     stl_SetForceAddr.clear();
     stl_SetForceSocket.clear();
+    stl_QueueDue = {};
     return true;
 }
 
@@ -117,13 +121,15 @@ bool CSocketOpt_HeartBeat::SocketOpt_HeartBeat_ForceOutAddr(const char* lpszClie
     SOCKETOPT_HEARTBEAT* pSt_HeartBeat = Find(stl_MapAddr, std::string(lpszClientAddr));
     if (pSt_HeartBeat == nullptr) {
         if (!bAdd) return Fail(ERROR_NETCORE_HEARTBEAT_FORCEOUT_NOTFOUND);
-        pSt_HeartBeat = stl_MapAddr.emplace(lpszClientAddr, NewPeer()).first->second.get();
+        pSt_HeartBeat = stl_MapAddr.emplace(lpszClientAddr, NewPeer(&m_nSerial)).first->second.get();
     }
     pSt_HeartBeat->nLeaveCode = nLeaveCode;
     pSt_HeartBeat->bIsForce = true;
     pSt_HeartBeat->nTimeNumber = 0;
     pSt_HeartBeat->nTimeLast = Now();
     stl_SetForceAddr.insert(lpszClientAddr);
+    st_Lock.unlock();
+    WakeThread();
     return true;
 }
 
@@ -133,13 +139,15 @@ bool CSocketOpt_HeartBeat::SocketOpt_HeartBeat_ForceOutSkt(int hSocket, int nLea
     SOCKETOPT_HEARTBEAT* pSt_HeartBeat = Find(stl_MapSocket, hSocket);
     if (pSt_HeartBeat == nullptr) {
         if (!bAdd) return Fail(ERROR_NETCORE_HEARTBEAT_FORCEOUT_NOTFOUND);
-        pSt_HeartBeat = stl_MapSocket.emplace(hSocket, NewPeer()).first->second.get();
+        pSt_HeartBeat = stl_MapSocket.emplace(hSocket, NewPeer(&m_nSerial)).first->second.get();
     }
     pSt_HeartBeat->nLeaveCode = nLeaveCode;
     pSt_HeartBeat->bIsForce = true;
     pSt_HeartBeat->nTimeNumber = 0;
     pSt_HeartBeat->nTimeLast = Now();
     stl_SetForceSocket.insert(hSocket);
+    st_Lock.unlock();
+    WakeThread();
     return true;
 }
 
@@ -150,7 +158,11 @@ bool CSocketOpt_HeartBeat::SocketOpt_HeartBeat_InsertAddr(const char* lpszClient
     if (lpszClientAddr == nullptr) return Fail(ERROR_NETCORE_HEARTBEAT_INSERTADDR_PARAMENT);
     std::unique_lock<std::shared_mutex> st_Lock(st_Locker);
     // a peer already present keeps its state
-    if (stl_MapAddr.count(lpszClientAddr) == 0) stl_MapAddr.emplace(lpszClientAddr, NewPeer());
+    auto stl_Insert = stl_MapAddr.try_emplace(lpszClientAddr);
+    if (stl_Insert.second) {
+        stl_Insert.first->second = NewPeer(&m_nSerial);
+        QueueDue(stl_Insert.first->second.get(), lpszClientAddr, 0, nTimeOut);
+    }
     return true;
 }
 
@@ -160,7 +172,11 @@ bool CSocketOpt_HeartBeat::SocketOpt_HeartBeat_InsertSocket(int hSocket) {
     if (bIsAddr) return Fail(ERROR_NETCORE_HEARTBEAT_INSERTSOCKET_MODE);
     if (hSocket <= 0) return Fail(ERROR_NETCORE_HEARTBEAT_INSERTSOCKET_PARAMENT);
     std::unique_lock<std::shared_mutex> st_Lock(st_Locker);
-    if (stl_MapSocket.count(hSocket) == 0) stl_MapSocket.emplace(hSocket, NewPeer());
+    auto stl_Insert = stl_MapSocket.try_emplace(hSocket);
+    if (stl_Insert.second) {
+        stl_Insert.first->second = NewPeer(&m_nSerial);
+        QueueDue(stl_Insert.first->second.get(), "", hSocket, nTimeOut);
+    }
     return true;
 }
 
@@ -360,32 +376,101 @@ void CSocketOpt_HeartBeat::CheckPeer(SOCKETOPT_HEARTBEAT* pSt_HeartBeat, const c
     }
 }
 
-void CSocketOpt_HeartBeat::ScanTable(bool bFullScan, time_t nTimeNow, std::list<SOCKETOPT_HBLEAVE>* pStl_ListLeave) {
+void CSocketOpt_HeartBeat::QueueDue(const SOCKETOPT_HEARTBEAT* pSt_HeartBeat, const char* lpszClientAddr, int hSocket,
+                                    int nInterval) {
+    stl_QueueDue.push({pSt_HeartBeat->nTimeLast + nInterval, pSt_HeartBeat->nSerial, lpszClientAddr, hSocket});
+}
+
+// Looks at the peers whose interval may have run out by now. An entry refreshed by Active since it
+// was queued goes back with its new time; one deleted, expelled, timed out or replaced is dropped.
+void CSocketOpt_HeartBeat::ScanDue(time_t nTimeNow, int nInterval, std::list<SOCKETOPT_HBLEAVE>* pStl_ListLeave) {
+    size_t nPeers = bIsAddr ? stl_MapAddr.size() : stl_MapSocket.size();
+    // A new interval or mode, a clock set back, or a queue mostly made of departed peers: rebuilt.
+    if (nInterval != m_nDueInterval || nTimeNow < m_nTimeScanned || stl_QueueDue.size() > 2 * nPeers + 1024) {
+        stl_QueueDue = {};
+        if (bIsAddr) {
+            for (auto& stl_Pair : stl_MapAddr) {
+                QueueDue(stl_Pair.second.get(), stl_Pair.first.c_str(), 0, nInterval);
+            }
+        } else {
+            for (auto& stl_Pair : stl_MapSocket) {
+                QueueDue(stl_Pair.second.get(), "", stl_Pair.first, nInterval);
+            }
+        }
+        m_nDueInterval = nInterval;
+    }
+    while (!stl_QueueDue.empty() && stl_QueueDue.top().nDue <= static_cast<long long>(nTimeNow)) {
+        SOCKETOPT_HBDUE st_Due = stl_QueueDue.top();
+        stl_QueueDue.pop();
+        SOCKETOPT_HEARTBEAT* pSt_HeartBeat =
+            bIsAddr ? Find(stl_MapAddr, st_Due.tszClientAddr) : Find(stl_MapSocket, st_Due.hSocket);
+        if (pSt_HeartBeat == nullptr || pSt_HeartBeat->nSerial != st_Due.nSerial) continue;
+        if (pSt_HeartBeat->bIsForce || pSt_HeartBeat->bIsTimeOut) continue;
+        CheckPeer(pSt_HeartBeat, st_Due.tszClientAddr.c_str(), st_Due.hSocket, nTimeNow, pStl_ListLeave);
+        if (pSt_HeartBeat->bIsTimeOut) continue;
+        st_Due.nDue = pSt_HeartBeat->nTimeLast + nInterval;
+        stl_QueueDue.push(std::move(st_Due));
+    }
+}
+
+bool CSocketOpt_HeartBeat::ScanTable(time_t nTimeNow, std::list<SOCKETOPT_HBLEAVE>* pStl_ListLeave) {
     std::shared_lock<std::shared_mutex> st_Lock(st_Locker);
-    if (bIsAddr) {
-        if (bFullScan) {
+    int nInterval = nTimeOut;
+    bool bBusy;
+    if (nInterval <= 0) {
+        // every pass counts an interval for every peer
+        if (bIsAddr) {
             for (auto& stl_Pair : stl_MapAddr) {
                 CheckPeer(stl_Pair.second.get(), stl_Pair.first.c_str(), 0, nTimeNow, pStl_ListLeave);
             }
         } else {
+            for (auto& stl_Pair : stl_MapSocket) {
+                CheckPeer(stl_Pair.second.get(), "", stl_Pair.first, nTimeNow, pStl_ListLeave);
+            }
+        }
+        m_nDueInterval = -1;
+        bBusy = true;
+    } else {
+        ScanDue(nTimeNow, nInterval, pStl_ListLeave);
+        // expelled peers are reported on every pass until they are gone
+        if (bIsAddr) {
             for (const std::string& st_Key : stl_SetForceAddr) {
                 SOCKETOPT_HEARTBEAT* pSt_HeartBeat = Find(stl_MapAddr, st_Key);
                 if (pSt_HeartBeat != nullptr) CheckPeer(pSt_HeartBeat, st_Key.c_str(), 0, nTimeNow, pStl_ListLeave);
             }
-        }
-    } else {
-        if (bFullScan) {
-            for (auto& stl_Pair : stl_MapSocket) {
-                CheckPeer(stl_Pair.second.get(), "", stl_Pair.first, nTimeNow, pStl_ListLeave);
-            }
+            bBusy = !stl_SetForceAddr.empty();
         } else {
             for (int hSocket : stl_SetForceSocket) {
                 SOCKETOPT_HEARTBEAT* pSt_HeartBeat = Find(stl_MapSocket, hSocket);
                 if (pSt_HeartBeat != nullptr) CheckPeer(pSt_HeartBeat, "", hSocket, nTimeNow, pStl_ListLeave);
             }
+            bBusy = !stl_SetForceSocket.empty();
         }
     }
-    if (bFullScan) m_nTimeScanned = nTimeNow;
+    m_nTimeScanned = nTimeNow;
+    return bBusy;
+}
+
+void CSocketOpt_HeartBeat::WakeThread() {
+    std::lock_guard<std::mutex> st_Lock(st_LockerWake);
+    bWakeUp = true;
+    st_CondWake.notify_all();
+}
+
+// Counting has a granularity of one second, so an idle thread sleeps until the clock's next
+// second instead of waking every millisecond; an expelled peer or a stop wakes it at once.
+void CSocketOpt_HeartBeat::WaitNextPass(const std::shared_ptr<ThreadControl>& pSt_Control, time_t nTimeNow,
+                                        bool bBusy) {
+    using namespace std::chrono;
+    auto nWait = milliseconds(1);
+    if (!bBusy) {
+        // measured on the steady clock, so that a clock set back cannot stretch the sleep
+        auto nToNext = duration_cast<milliseconds>(system_clock::from_time_t(nTimeNow + 1) - system_clock::now());
+        nWait = std::min(std::max(nToNext, milliseconds(1)), milliseconds(1000));
+    }
+    std::unique_lock<std::mutex> st_Lock(st_LockerWake);
+    st_CondWake.wait_for(st_Lock, nWait, [&] { return bWakeUp || !pSt_Control->bIsRun; });
+    bWakeUp = false;
 }
 
 void CSocketOpt_HeartBeat::SocketOpt_HeartBeat_Thread(CSocketOpt_HeartBeat* pClass_This,
@@ -393,10 +478,7 @@ void CSocketOpt_HeartBeat::SocketOpt_HeartBeat_Thread(CSocketOpt_HeartBeat* pCla
     std::list<SOCKETOPT_HBLEAVE> stl_ListLeave;
     while (pSt_Control->bIsRun) {
         time_t nTimeNow = time(nullptr);
-        // Counting has a granularity of one second: within the second of the last full scan only
-        // expelled peers can have anything to report, unless every pass counts (interval 0).
-        bool bFullScan = pClass_This->nTimeOut <= 0 || nTimeNow != pClass_This->m_nTimeScanned;
-        pClass_This->ScanTable(bFullScan, nTimeNow, &stl_ListLeave);
+        bool bBusy = pClass_This->ScanTable(nTimeNow, &stl_ListLeave);
 
         for (const SOCKETOPT_HBLEAVE& st_Leave : stl_ListLeave) {
             CALLBACK_NETCORE_SOCKOPT_HEARTBEAT_EVENT fpCall = pClass_This->lpCall_HeartBeatEvent;
@@ -414,6 +496,7 @@ void CSocketOpt_HeartBeat::SocketOpt_HeartBeat_Thread(CSocketOpt_HeartBeat* pCla
             if (!pSt_Control->bIsRun) break;
         }
         stl_ListLeave.clear();
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        if (!pSt_Control->bIsRun) break;
+        pClass_This->WaitNextPass(pSt_Control, nTimeNow, bBusy);
     }
 }

@@ -3,15 +3,20 @@
 #pragma once
 
 #include <atomic>
+#include <condition_variable>
+#include <cstdint>
 #include <ctime>
+#include <functional>
 #include <list>
 #include <memory>
 #include <mutex>
+#include <queue>
 #include <shared_mutex>
 #include <string>
 #include <thread>
 #include <unordered_map>
 #include <unordered_set>
+#include <vector>
 
 #include "Ombrelt_NetCore.h"
 
@@ -28,6 +33,17 @@ struct SOCKETOPT_HEARTBEAT {
     NETCORE_SOCKOPT_HBLOAD st_HBLoad{};
     NETCORE_SOCKOPT_HBLOAD st_HBLast{};
     tag_Obmrelt_Protocol_HeartBeat st_ProtocolHB{};
+    uint64_t nSerial = 0;  // tells this entry from an earlier one under the same key
+};
+
+// When a peer is next to be looked at by the thread: at the earliest, its last activity plus one
+// interval. Active does not move it; the thread finds the newer time when the entry comes up.
+struct SOCKETOPT_HBDUE {
+    long long nDue = 0;
+    uint64_t nSerial = 0;
+    std::string tszClientAddr;
+    int hSocket = 0;
+    bool operator>(const SOCKETOPT_HBDUE& st_Other) const { return nDue > st_Other.nDue; }
 };
 
 // A peer the thread reports after it has released the table lock. The address is held whole, so
@@ -78,7 +94,12 @@ private:
 
     static void SocketOpt_HeartBeat_Thread(CSocketOpt_HeartBeat* pClass_This,
                                            std::shared_ptr<ThreadControl> pSt_Control);
-    void ScanTable(bool bFullScan, time_t nTimeNow, std::list<SOCKETOPT_HBLEAVE>* pStl_ListLeave);
+    // One pass; true when the next pass is due within a millisecond rather than at the next second.
+    bool ScanTable(time_t nTimeNow, std::list<SOCKETOPT_HBLEAVE>* pStl_ListLeave);
+    void ScanDue(time_t nTimeNow, int nInterval, std::list<SOCKETOPT_HBLEAVE>* pStl_ListLeave);
+    void QueueDue(const SOCKETOPT_HEARTBEAT* pSt_HeartBeat, const char* lpszClientAddr, int hSocket, int nInterval);
+    void WaitNextPass(const std::shared_ptr<ThreadControl>& pSt_Control, time_t nTimeNow, bool bBusy);
+    void WakeThread();
     void CheckPeer(SOCKETOPT_HEARTBEAT* pSt_HeartBeat, const char* lpszClientAddr, int hSocket, time_t nTimeNow,
                    std::list<SOCKETOPT_HBLEAVE>* pStl_ListLeave);
     void EvaluateLoad(SOCKETOPT_HEARTBEAT* pSt_HeartBeat);
@@ -102,5 +123,15 @@ private:
     // Keys of the expelled peers, so that a pass within the same second visits only them.
     std::unordered_set<std::string> stl_SetForceAddr;
     std::unordered_set<int> stl_SetForceSocket;
-    time_t m_nTimeScanned = -1;  // second of the last full scan; the thread's own
+    // Entries by the second they are next due, so that a pass looks only at the peers that can
+    // have missed an interval. Changed by the thread under the shared lock (it is the only shared
+    // holder that touches it) and by Insert and Destory under the exclusive lock.
+    std::priority_queue<SOCKETOPT_HBDUE, std::vector<SOCKETOPT_HBDUE>, std::greater<SOCKETOPT_HBDUE>> stl_QueueDue;
+    uint64_t m_nSerial = 0;      // under the exclusive lock
+    int m_nDueInterval = -1;     // the interval stl_QueueDue was built with; the thread's own
+    time_t m_nTimeScanned = -1;  // second of the last pass; the thread's own
+    // Wakes the thread early: a stop, or a peer expelled (reported on the next pass).
+    std::mutex st_LockerWake;
+    std::condition_variable st_CondWake;
+    bool bWakeUp = false;
 };

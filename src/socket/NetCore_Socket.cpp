@@ -76,19 +76,23 @@ bool CNetCore_Socket::NetCore_Socket_Send(int hSocket, const char* lpszMsgBuffer
     ClearError();
     if (nMsgLen < 1) return Fail(ERROR_NETCORE_SOCKET_SEND_PARAMENT);
 
+    // A peer that has gone (or a server closing the connection meanwhile) fails the send with
+    // EPIPE instead of killing the caller's process with SIGPIPE.
+    constexpr int kFlags = MSG_NOSIGNAL;
     int nOffset = 0;
     int nRemain = nMsgLen;
     time_t nTimeStart = time(nullptr);
     for (;;) {
         ssize_t nRet;
         if (lpszAddr == nullptr) {
-            nRet = send(hSocket, lpszMsgBuffer + nOffset, nRemain, 0);
+            nRet = send(hSocket, lpszMsgBuffer + nOffset, nRemain, kFlags);
         } else if (nIPVer == AF_INET) {
             struct sockaddr_in st_Addr {};
             st_Addr.sin_family = AF_INET;
             st_Addr.sin_port = htons(static_cast<uint16_t>(nPort));
             inet_pton(AF_INET, lpszAddr, &st_Addr.sin_addr);
-            nRet = sendto(hSocket, lpszMsgBuffer, nMsgLen, 0, reinterpret_cast<sockaddr*>(&st_Addr), sizeof(st_Addr));
+            nRet =
+                sendto(hSocket, lpszMsgBuffer, nMsgLen, kFlags, reinterpret_cast<sockaddr*>(&st_Addr), sizeof(st_Addr));
         } else {
             struct sockaddr_in6 st_Addr {};
             // The family field says AF_INET on this path; callers depend on what the kernel makes
@@ -96,7 +100,8 @@ bool CNetCore_Socket::NetCore_Socket_Send(int hSocket, const char* lpszMsgBuffer
             st_Addr.sin6_family = AF_INET;
             st_Addr.sin6_port = htons(static_cast<uint16_t>(nPort));
             inet_pton(AF_INET6, lpszAddr, &st_Addr.sin6_addr);
-            nRet = sendto(hSocket, lpszMsgBuffer, nMsgLen, 0, reinterpret_cast<sockaddr*>(&st_Addr), sizeof(st_Addr));
+            nRet =
+                sendto(hSocket, lpszMsgBuffer, nMsgLen, kFlags, reinterpret_cast<sockaddr*>(&st_Addr), sizeof(st_Addr));
         }
 
         if (nRet > 0) {

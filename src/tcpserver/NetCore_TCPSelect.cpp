@@ -102,14 +102,19 @@ bool CNetCore_TCPSelect::NetCore_TCPSelect_Send(const char* lpszClientAddr, cons
     ClearError();
     // a null address names no client
     if (lpszClientAddr == nullptr) return Fail(ERROR_NETCORE_TCPSELECT_SEND_NOTFOUND);
+    std::shared_ptr<NETCORE_TCPSELECT> pSt_Client;
     {
         std::shared_lock<std::shared_mutex> st_Lock(st_LockerClient);
         auto it = stl_MapClient.find(lpszClientAddr);
         if (it == stl_MapClient.end()) return Fail(ERROR_NETCORE_TCPSELECT_SEND_NOTFOUND);
-        int hSocket = it->second->hSocket;
-        // a failure keeps the code of the socket utility that failed
-        if (!m_Socket.NetCore_Socket_IOSelect(hSocket, false, kSendWaitMs)) return false;
-        if (!m_Socket.NetCore_Socket_Send(hSocket, lpszMsgBuffer, nMsgLen, nullptr, 0, 3, AF_INET)) return false;
+        pSt_Client = it->second;
+    }
+    // The wait and the send run without the lock: a client that does not read blocks only its
+    // own sends, not logins or removals. Removal shuts the connection down, which ends a blocked
+    // send. A failure keeps the code of the socket utility that failed.
+    if (!m_Socket.NetCore_Socket_IOSelect(pSt_Client->hSocket, false, kSendWaitMs)) return false;
+    if (!m_Socket.NetCore_Socket_Send(pSt_Client->hSocket, lpszMsgBuffer, nMsgLen, nullptr, 0, 3, AF_INET)) {
+        return false;
     }
     nFlowUp += static_cast<unsigned long long>(nMsgLen);
     return true;
@@ -117,7 +122,7 @@ bool CNetCore_TCPSelect::NetCore_TCPSelect_Send(const char* lpszClientAddr, cons
 
 bool CNetCore_TCPSelect::NetCore_TCPSelect_RemoveClient(const char* lpszClientAddr) {
     if (lpszClientAddr == nullptr) return true;  // as an unknown address
-    std::unique_ptr<NETCORE_TCPSELECT> pSt_Client;
+    std::shared_ptr<NETCORE_TCPSELECT> pSt_Client;
     {
         std::unique_lock<std::shared_mutex> st_Lock(st_LockerClient);
         auto it = stl_MapClient.find(lpszClientAddr);
@@ -139,7 +144,7 @@ bool CNetCore_TCPSelect::NetCore_TCPSelect_Stop(bool bClearFlow) {
     pSTDThread_Main.Join();
     pSTDThread_Close.Join();
 
-    std::unordered_map<std::string, std::unique_ptr<NETCORE_TCPSELECT>> stl_MapOld;
+    std::unordered_map<std::string, std::shared_ptr<NETCORE_TCPSELECT>> stl_MapOld;
     {
         std::unique_lock<std::shared_mutex> st_Lock(st_LockerClient);
         stl_MapOld.swap(stl_MapClient);
@@ -245,7 +250,11 @@ void CNetCore_TCPSelect::NetCore_TCPSelect_MainThread(void*) {
             inet_ntop(AF_INET6, &pSt_In6->sin6_addr, tszAddr, sizeof(tszAddr));
             nPort = ntohs(pSt_In6->sin6_port);
         }
-        std::unique_ptr<NETCORE_TCPSELECT> pSt_Client(new (std::nothrow) NETCORE_TCPSELECT());
+        std::shared_ptr<NETCORE_TCPSELECT> pSt_Client;
+        try {
+            pSt_Client = std::make_shared<NETCORE_TCPSELECT>();
+        } catch (const std::bad_alloc&) {
+        }
         if (!pSt_Client) {
             CloseSocket(hSocket);
             continue;
@@ -269,16 +278,17 @@ void CNetCore_TCPSelect::NetCore_TCPSelect_MainThread(void*) {
         // try_emplace leaves pSt_Client untouched when the address is taken
         auto st_Insert = stl_MapClient.try_emplace(pSt_Raw->tszClientAddr, std::move(pSt_Client));
         if (!st_Insert.second) {
-            // a stale entry under the same address: the new connection is refused
-            CloseSocket(hSocket);
+            // a stale entry under the same address: the new connection is refused (the record
+            // closes it)
+            shutdown(hSocket, SHUT_RDWR);
             continue;
         }
         try {
             pSt_Raw->pSTDThread_Work =
                 std::make_unique<std::thread>(&CNetCore_TCPSelect::NetCore_TCPSelect_WorkThread, this, pSt_Raw);
         } catch (const std::exception&) {
-            CloseSocket(hSocket);
-            stl_MapClient.erase(st_Insert.first);
+            shutdown(hSocket, SHUT_RDWR);
+            stl_MapClient.erase(st_Insert.first);  // the record closes the descriptor
             continue;
         }
         st_Lock.unlock();
@@ -357,23 +367,23 @@ void CNetCore_TCPSelect::PushEvent(const char* lpszClientAddr, uint64_t dwType, 
 // Ends a client taken out of the map: joins its worker (which returns within one time-out),
 // then shuts down and closes the socket. A worker that removes its own client from a callback
 // cannot be joined from there; it is parked and joined once it has returned.
-void CNetCore_TCPSelect::DropClient(std::unique_ptr<NETCORE_TCPSELECT> pSt_Client) {
+void CNetCore_TCPSelect::DropClient(std::shared_ptr<NETCORE_TCPSELECT> pSt_Client) {
     pSt_Client->bIsRun = false;
     std::thread* pSt_Thread = pSt_Client->pSTDThread_Work.get();
     if (pSt_Thread != nullptr && pSt_Thread->get_id() == std::this_thread::get_id()) {
         // the worker does not touch the socket again once bIsRun is clear
-        CloseSocket(pSt_Client->hSocket);
-        pSt_Client->hSocket = -1;
+        shutdown(pSt_Client->hSocket, SHUT_RDWR);
         std::lock_guard<std::mutex> st_Lock(st_LockerReap);
         stl_ListReap.push_back(std::move(pSt_Client));
         return;
     }
     if (pSt_Thread != nullptr && pSt_Thread->joinable()) pSt_Thread->join();
-    CloseSocket(pSt_Client->hSocket);
+    // the record closes the descriptor once a send still holding it is over
+    shutdown(pSt_Client->hSocket, SHUT_RDWR);
 }
 
 void CNetCore_TCPSelect::ReapClients(bool bAll) {
-    std::vector<std::unique_ptr<NETCORE_TCPSELECT>> stl_ListJoin;
+    std::vector<std::shared_ptr<NETCORE_TCPSELECT>> stl_ListJoin;
     {
         std::lock_guard<std::mutex> st_Lock(st_LockerReap);
         for (auto it = stl_ListReap.begin(); it != stl_ListReap.end();) {

@@ -3,6 +3,8 @@
 // it pulls with NetCore_TCPSelect_ReadIOEvent.
 #pragma once
 
+#include <unistd.h>
+
 #include <atomic>
 #include <cstdint>
 #include <list>
@@ -20,8 +22,16 @@
 
 class CNetCore_TCPSelect;
 
-// One client and its worker thread.
+// One client and its worker thread. Held by the client map and, while it sends, by Send: the
+// descriptor is closed with the last holder, so a send never runs on a number already reused.
 struct NETCORE_TCPSELECT {
+    NETCORE_TCPSELECT() = default;
+    NETCORE_TCPSELECT(const NETCORE_TCPSELECT&) = delete;
+    NETCORE_TCPSELECT& operator=(const NETCORE_TCPSELECT&) = delete;
+    ~NETCORE_TCPSELECT() {
+        if (hSocket >= 0) close(hSocket);
+    }
+
     char tszClientAddr[128] = {};
     int hSocket = -1;
     std::atomic<bool> bIsRun{false};  // the worker runs while true
@@ -65,7 +75,7 @@ protected:
 
 private:
     void PushEvent(const char* lpszClientAddr, uint64_t dwType, const char* lpszMsgBuffer, int nMsgLen);
-    void DropClient(std::unique_ptr<NETCORE_TCPSELECT> pSt_Client);
+    void DropClient(std::shared_ptr<NETCORE_TCPSELECT> pSt_Client);
     void ReapClients(bool bAll);
 
     std::atomic<void*> lParamLogin{nullptr};
@@ -97,7 +107,7 @@ private:
     CNetCore_Socket m_Socket;
     std::list<NETCORE_IOEVENT> stl_ListEvent;
     std::list<std::string> stl_ListClose;
-    std::unordered_map<std::string, std::unique_ptr<NETCORE_TCPSELECT>> stl_MapClient;
+    std::unordered_map<std::string, std::shared_ptr<NETCORE_TCPSELECT>> stl_MapClient;
     // clients removed from inside their own worker (a callback): joined once the worker is done
-    std::vector<std::unique_ptr<NETCORE_TCPSELECT>> stl_ListReap;
+    std::vector<std::shared_ptr<NETCORE_TCPSELECT>> stl_ListReap;
 };

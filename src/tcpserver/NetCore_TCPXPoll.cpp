@@ -41,6 +41,21 @@ void CloseQuietly(int hSocket) {
     close(hSocket);
 }
 
+// The map's record closes its descriptor once nobody holds it any more.
+std::shared_ptr<tag_NetEngine_Poll_Client> NewClient(int hSocket) {
+    std::unique_ptr<tag_NetEngine_Poll_Client> pSt_Client(new (std::nothrow) tag_NetEngine_Poll_Client());
+    if (!pSt_Client) return nullptr;
+    pSt_Client->hSocket = hSocket;
+    try {
+        return std::shared_ptr<tag_NetEngine_Poll_Client>(pSt_Client.release(), [](tag_NetEngine_Poll_Client* pSt_Rec) {
+            close(pSt_Rec->hSocket);
+            delete pSt_Rec;
+        });
+    } catch (const std::bad_alloc&) {
+        return nullptr;  // the record went with the failed allocation; the caller still owns hSocket
+    }
+}
+
 }  // namespace
 
 CNetCore_TCPXPoll::~CNetCore_TCPXPoll() {
@@ -63,10 +78,13 @@ CNetCore_TCPXPoll::~CNetCore_TCPXPoll() {
     for (auto& pSt_Group : stl_ListJoin) {
         if (pSt_Group->pSTDThread_Recv && pSt_Group->pSTDThread_Recv->joinable()) pSt_Group->pSTDThread_Recv->join();
     }
+    // threads that released their own group are past every use of the server once this is zero
+    while (nThreadsLeaving != 0) {
+        std::this_thread::yield();
+    }
     std::unique_lock<std::shared_mutex> st_Lock(st_Locker);
     for (auto& st_Pair : stl_MapClient) {
-        CloseQuietly(st_Pair.second->hSocket);
-        delete st_Pair.second;
+        shutdown(st_Pair.second->hSocket, SHUT_RDWR);
     }
     stl_MapClient.clear();
 }
@@ -90,7 +108,6 @@ bool CNetCore_TCPXPoll::NetCore_TCPXPoll_Start(int nPort, int nMaxClient, int nI
         // are started again so those clients are served.
         std::unique_lock<std::shared_mutex> st_Lock(st_Locker);
         bIsRun = true;
-        ReapGroups();
         for (auto& st_Pair : stl_MapThread) {
             NETCORE_TCPXPOLL_GROUP* pSt_Group = st_Pair.second.get();
             if (!pSt_Group->bExited) continue;
@@ -136,14 +153,20 @@ bool CNetCore_TCPXPoll::NetCore_TCPXPoll_Send(const char* lpszClientAddr, const 
     ClearError();
     // a null address names no client
     if (lpszClientAddr == nullptr) return Fail(ERROR_NETCORE_TCPXPOLL_SEND_NOTFOUND);
-    // The lock stays shared over the send so that Close cannot close the descriptor (and a new
-    // client take its number) in between.
-    std::shared_lock<std::shared_mutex> st_Lock(st_Locker);
-    auto it = stl_MapClient.find(lpszClientAddr);
-    if (it == stl_MapClient.end()) return Fail(ERROR_NETCORE_TCPXPOLL_SEND_NOTFOUND);
-    int hSocket = it->second->hSocket;
-    if (hSocket <= 0) return Fail(ERROR_NETCORE_TCPXPOLL_SEND_SOCKET);
-    if (!m_Socket.NetCore_Socket_Send(hSocket, lpszMsgBuffer, nMsgLen, nullptr, 0, 3, AF_INET)) return false;
+    std::shared_ptr<tag_NetEngine_Poll_Client> pSt_Client;
+    {
+        std::shared_lock<std::shared_mutex> st_Lock(st_Locker);
+        auto it = stl_MapClient.find(lpszClientAddr);
+        if (it == stl_MapClient.end()) return Fail(ERROR_NETCORE_TCPXPOLL_SEND_NOTFOUND);
+        if (it->second->hSocket <= 0) return Fail(ERROR_NETCORE_TCPXPOLL_SEND_SOCKET);
+        pSt_Client = it->second;
+    }
+    // The send may block on a client that does not read: without the lock, other clients still
+    // log in and Close still runs; Close shuts the connection down, which ends a blocked send, and
+    // the record held here keeps the descriptor open until the send has returned.
+    if (!m_Socket.NetCore_Socket_Send(pSt_Client->hSocket, lpszMsgBuffer, nMsgLen, nullptr, 0, 3, AF_INET)) {
+        return false;
+    }
     // sent bytes go into the same counter as received ones; callers read both there
     nFlowDown += static_cast<unsigned long long>(nMsgLen);
     return true;
@@ -154,7 +177,7 @@ bool CNetCore_TCPXPoll::NetCore_TCPXPoll_Close(const char* lpszClientAddr) {
     std::unique_lock<std::shared_mutex> st_Lock(st_Locker);
     auto it = stl_MapClient.find(lpszClientAddr);
     if (it == stl_MapClient.end()) return true;
-    tag_NetEngine_Poll_Client* pSt_Client = it->second;
+    tag_NetEngine_Poll_Client* pSt_Client = it->second.get();
 
     // The client leaves the group its record names and, when it was admitted into several
     // groups, every other one as well, so no group keeps polling a closed descriptor.
@@ -173,19 +196,27 @@ bool CNetCore_TCPXPoll::NetCore_TCPXPoll_Close(const char* lpszClientAddr) {
             continue;
         }
         if (!bClosed) {
-            CloseQuietly(pSt_Client->hSocket);
+            // the descriptor itself is closed with the record, once no Send holds it
+            shutdown(pSt_Client->hSocket, SHUT_RDWR);
             bClosed = true;
         }
         stl_List.erase(itRecord);
         WakeGroup(pSt_Group);
-        if (stl_List.empty()) {
-            stl_ListGroupEnded.push_back(itGroup->second);
-            itGroup = stl_MapThread.erase(itGroup);
-        } else {
+        if (!stl_List.empty()) {
             ++itGroup;
+            continue;
         }
+        // An emptied group whose thread already ended (after a Stop) is released here; the join
+        // is immediate. A running one releases its group itself once it sees the list empty.
+        if (pSt_Group->bExited) {
+            if (pSt_Group->pSTDThread_Recv && pSt_Group->pSTDThread_Recv->joinable()) {
+                pSt_Group->pSTDThread_Recv->join();
+            }
+        } else {
+            stl_ListGroupEnded.push_back(itGroup->second);
+        }
+        itGroup = stl_MapThread.erase(itGroup);
     }
-    delete pSt_Client;
     stl_MapClient.erase(it);
     return true;
 }
@@ -268,13 +299,12 @@ void CNetCore_TCPXPoll::NetCore_TCPXPoll_ThreadAccept(void*) {
             inet_ntop(AF_INET6, &pSt_In6->sin6_addr, tszAddr, sizeof(tszAddr));
             nPort = ntohs(pSt_In6->sin6_port);
         }
-        auto* pSt_Client = new (std::nothrow) tag_NetEngine_Poll_Client();
-        if (pSt_Client == nullptr) {
+        std::shared_ptr<tag_NetEngine_Poll_Client> pSt_Client = NewClient(hSocket);
+        if (!pSt_Client) {
             CloseQuietly(hSocket);
             continue;
         }
         snprintf(pSt_Client->tszClientAddr, sizeof(pSt_Client->tszClientAddr), "%s:%d", tszAddr, nPort);
-        pSt_Client->hSocket = hSocket;
         pSt_Client->pClass = this;
 
         size_t nClients;
@@ -286,8 +316,7 @@ void CNetCore_TCPXPoll::NetCore_TCPXPoll_ThreadAccept(void*) {
         // strictly greater: nMaxClient + 1 clients get in
         if (static_cast<long long>(nClients) > nMaxClient) {
             if (fpLogin != nullptr) fpLogin(pSt_Client->tszClientAddr, 0, lParamLogin);
-            CloseQuietly(hSocket);
-            delete pSt_Client;
+            shutdown(hSocket, SHUT_RDWR);  // the record closes it
             continue;
         }
         pSt_Client->sPollEvent = kPollEvents;
@@ -298,15 +327,13 @@ void CNetCore_TCPXPoll::NetCore_TCPXPoll_ThreadAccept(void*) {
             if (fpLogin != nullptr) fpLogin(strAddr.c_str(), hSocket, lParamLogin);
             Pause();
         } else {
-            delete pSt_Client;
-            CloseQuietly(hSocket);
+            shutdown(hSocket, SHUT_RDWR);  // the record closes it
         }
     }
 }
 
-bool CNetCore_TCPXPoll::NetCore_TCPXPoll_Select(tag_NetEngine_Poll_Client* pSt_Client) {
+bool CNetCore_TCPXPoll::NetCore_TCPXPoll_Select(const std::shared_ptr<tag_NetEngine_Poll_Client>& pSt_Client) {
     std::unique_lock<std::shared_mutex> st_Lock(st_Locker);
-    ReapGroups();
     bool bTaken = false;
     size_t nGroup = 0;
     // Every group with room takes the client, not just the first one.
@@ -411,16 +438,18 @@ void CNetCore_TCPXPoll::NetCore_TCPXPoll_ThreadRecv(void* lParam) {
     std::vector<tag_NetEngine_Poll_Client> stl_Work(kWorkSlots);
     char tszBuffer[kRecvBuffer];
     for (;;) {
-        int nCount;
+        int nCount = 0;
         {
             std::shared_lock<std::shared_mutex> st_Lock(st_Locker);
             const auto& stl_List = pSt_Group->stl_ListClient;
-            if (!bIsRun || stl_List.empty()) {
-                pSt_Group->bExited = true;
-                return;
+            if (bIsRun && !stl_List.empty()) {
+                nCount = static_cast<int>(std::min(stl_List.size(), stl_Work.size()));
+                std::copy(stl_List.begin(), stl_List.begin() + nCount, stl_Work.begin());
             }
-            nCount = static_cast<int>(std::min(stl_List.size(), stl_Work.size()));
-            std::copy(stl_List.begin(), stl_List.begin() + nCount, stl_Work.begin());
+        }
+        if (nCount == 0) {
+            if (LeaveGroup(pSt_Group)) return;
+            continue;
         }
         if (IOWait(stl_Work.data(), nCount, -1, pSt_Group->hWakeRead.Get()) != IOResult::Ready) continue;
 
@@ -476,24 +505,31 @@ bool CNetCore_TCPXPoll::StartGroupThread(NETCORE_TCPXPOLL_GROUP* pSt_Group) {
     return true;
 }
 
-// Joins the receive threads of groups that are out of the map and have ended. The caller holds
-// the exclusive lock; an ended thread needs it no more, so the join is immediate.
-void CNetCore_TCPXPoll::ReapGroups() {
-    for (auto it = stl_ListGroupEnded.begin(); it != stl_ListGroupEnded.end();) {
-        NETCORE_TCPXPOLL_GROUP* pSt_Group = it->get();
-        if (!pSt_Group->bExited) {
-            ++it;
-            continue;
+// Ends a receive thread whose server stopped or whose group is empty; false when the group has
+// work again. A group still in the map (stopped server) is left for Start to restart or for the
+// Close that empties it to release. A group already out of the map is released here, at once,
+// whatever the order of Stop and Close: no later call may come to join it, so the thread detaches.
+bool CNetCore_TCPXPoll::LeaveGroup(NETCORE_TCPXPOLL_GROUP* pSt_Group) {
+    std::shared_ptr<NETCORE_TCPXPOLL_GROUP> pSt_Self;
+    {
+        std::unique_lock<std::shared_mutex> st_Lock(st_Locker);
+        if (bIsRun && !pSt_Group->stl_ListClient.empty()) return false;
+        auto it = std::find_if(
+            stl_ListGroupEnded.begin(), stl_ListGroupEnded.end(),
+            [&](const std::shared_ptr<NETCORE_TCPXPOLL_GROUP>& pSt_Ended) { return pSt_Ended.get() == pSt_Group; });
+        if (it == stl_ListGroupEnded.end()) {
+            // Stop, the destructor or Close joins it
+            pSt_Group->bExited = true;
+            return true;
         }
-        if (pSt_Group->pSTDThread_Recv && pSt_Group->pSTDThread_Recv->joinable()) {
-            if (pSt_Group->pSTDThread_Recv->get_id() == std::this_thread::get_id()) {
-                pSt_Group->pSTDThread_Recv->detach();
-            } else {
-                pSt_Group->pSTDThread_Recv->join();
-            }
-        }
-        it = stl_ListGroupEnded.erase(it);
+        pSt_Self = std::move(*it);
+        stl_ListGroupEnded.erase(it);
+        if (pSt_Self->pSTDThread_Recv->joinable()) pSt_Self->pSTDThread_Recv->detach();
+        nThreadsLeaving++;
     }
+    pSt_Self.reset();  // the wake-up pipe goes with it
+    nThreadsLeaving--;
+    return true;
 }
 
 bool CNetCore_TCPXPoll::IsLive(const tag_NetEngine_Poll_Client& st_Client) const {

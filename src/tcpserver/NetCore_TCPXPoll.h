@@ -68,7 +68,7 @@ protected:
     void NetCore_TCPXPoll_ThreadAccept(void* lParam);
     void NetCore_TCPXPoll_ThreadRecv(void* lParam);
     // Places a new client into every group with room, or founds a new group.
-    bool NetCore_TCPXPoll_Select(tag_NetEngine_Poll_Client* pSt_Client);
+    bool NetCore_TCPXPoll_Select(const std::shared_ptr<tag_NetEngine_Poll_Client>& pSt_Client);
     // One poll over nCount records; classifies the first r entries, r being poll's result.
     bool NetCore_TCPXPoll_IO(tag_NetEngine_Poll_Client* pSt_Client, int nCount, int nTimeOut);
 
@@ -76,7 +76,7 @@ private:
     enum class IOResult { Ready, Woken, Failed };
     IOResult IOWait(tag_NetEngine_Poll_Client* pSt_Client, int nCount, int nTimeOut, int hWake);
     bool StartGroupThread(NETCORE_TCPXPOLL_GROUP* pSt_Group);
-    void ReapGroups();
+    bool LeaveGroup(NETCORE_TCPXPOLL_GROUP* pSt_Group);
     bool IsLive(const tag_NetEngine_Poll_Client& st_Client) const;
     void ReportLeave(const tag_NetEngine_Poll_Client& st_Client);
     static void WakeGroup(NETCORE_TCPXPOLL_GROUP* pSt_Group);
@@ -99,13 +99,18 @@ private:
     CNetCore_Socket m_Socket;
 
     // Guards stl_MapClient, stl_MapThread, every group's client list and stl_ListGroupEnded.
-    // Callbacks are called without it.
+    // Callbacks and sends run without it.
     mutable std::shared_mutex st_Locker;
-    // address -> the client record allocated at accept (owned)
-    std::unordered_map<std::string, tag_NetEngine_Poll_Client*> stl_MapClient;
+    // address -> the client record allocated at accept. A Send in progress holds the record too:
+    // the descriptor is closed when the last holder lets go, so its number is never reused while a
+    // send is still on it.
+    std::unordered_map<std::string, std::shared_ptr<tag_NetEngine_Poll_Client>> stl_MapClient;
     // receive thread identifier -> its group
     std::unordered_map<uint64_t, std::shared_ptr<NETCORE_TCPXPOLL_GROUP>> stl_MapThread;
-    // groups taken out of stl_MapThread whose threads are still to be joined
+    // groups taken out of stl_MapThread whose threads have not ended yet; such a thread releases
+    // its group itself on its way out
     std::list<std::shared_ptr<NETCORE_TCPXPOLL_GROUP>> stl_ListGroupEnded;
     uint64_t nThreadSeq = 0;
+    // receive threads that have detached themselves and are still returning
+    std::atomic<int> nThreadsLeaving{0};
 };

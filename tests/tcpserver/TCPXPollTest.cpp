@@ -1,9 +1,12 @@
 // The poll() TCP server through its exported functions, with real clients on loopback.
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <atomic>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "TCPServerTestUtil.h"
@@ -251,6 +254,44 @@ TEST_F(TCPXPollTest, GroupsHoldSixtyFiveClientsAndANewcomerJoinsEveryGroupWithRo
     auto leaves = rec.Copy(rec.leaves);
     EXPECT_EQ(1, std::count_if(leaves.begin(), leaves.end(),
                                [&](const tcptest::Event& e) { return e.addr == recvs.back().addr; }));
+}
+
+// A client that does not read holds up only the Send to it: others still log in, and Close ends
+// the blocked send.
+TEST_F(TCPXPollTest, ASendBlockedOnAClientThatDoesNotReadHoldsUpNobodyElse) {
+    int port = Start(10);
+    int stuck = Connect(AF_INET, port);
+    std::string addr = AddrText(stuck);
+    std::vector<char> big(64 << 20, 'x');
+    std::atomic<int> sent{-1};
+    std::thread sender([&] { sent = NetCore_TCPXPoll_Send(addr.c_str(), big.data(), static_cast<int>(big.size())); });
+    EXPECT_TRUE(WaitFor([&] {
+        int queued = 0;
+        return ioctl(stuck, FIONREAD, &queued) == 0 && queued > 0;
+    }));
+    Connect(AF_INET, port);
+    EXPECT_EQ(2, ClientCount());
+    EXPECT_EQ(-1, sent.load()) << "the send is still blocked";
+    EXPECT_TRUE(NetCore_TCPXPoll_Close(addr.c_str()));
+    sender.join();
+    EXPECT_EQ(0, sent.load());
+}
+
+// Stop, then Close of the remaining clients: each group's pipe and thread go with its last
+// client, without a further Stop or Start.
+TEST_F(TCPXPollTest, CloseAfterStopReleasesEveryGroup) {
+    const int fdsBefore = nctest::CountOpenFds();
+    const int threadsBefore = nctest::CountThreads();
+    int port = Start(1000);
+    for (int i = 0; i < 66; i++)
+        Connect(AF_INET, port);
+    EXPECT_TRUE(NetCore_TCPXPoll_Stop(false));
+    for (const std::string& addr : tcptest::TakeList(GetList))
+        EXPECT_TRUE(NetCore_TCPXPoll_Close(addr.c_str()));
+    EXPECT_TRUE(WaitFor([&] {
+        return nctest::CountThreads() == threadsBefore && nctest::CountOpenFds() == fdsBefore + 66;
+    })) << nctest::CountThreads() - threadsBefore
+        << " threads, " << nctest::CountOpenFds() - fdsBefore - 66 << " descriptors left";
 }
 
 TEST_F(TCPXPollTest, ServesIPv6Clients) {
