@@ -640,6 +640,8 @@ bool ReadFull(int hFd, void* lpData, size_t nLen) {
 // (Connect and Close only fill bOk). Ends on Quit or when the parent goes away.
 [[noreturn]] void LoadGeneratorMain(int hCommands, int hReplies) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
+    // its own name, so that a profile or top tells it from the servers' process
+    prctl(PR_SET_NAME, "echo-loadgen");
     std::vector<Connection> stl_Conns;
     Command st_Command;
     while (ReadFull(hCommands, &st_Command, sizeof(st_Command)) && st_Command.eOp != Op::Quit) {

@@ -15,6 +15,7 @@
 // Usage: udpxcore_echo [runs (default 5)] [milliseconds per throughput run (default 300)]
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <pthread.h>
 #include <time.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -134,16 +135,22 @@ private:
 
 // ----- the client --------------------------------------------------------------------------------
 
+// The client runs on the main thread, under a name of its own while it runs so that a profile
+// tells it from the server threads (which the main thread started under the program's name).
 struct Client {
     int hSocket;
     sockaddr_in st_Server;
     explicit Client(int nPort) : st_Server(Loopback(nPort)) {
+        pthread_setname_np(pthread_self(), "echo-client");
         hSocket = socket(AF_INET, SOCK_DGRAM, 0);
         connect(hSocket, reinterpret_cast<sockaddr*>(&st_Server), sizeof(st_Server));
         int nBuffer = 1 << 20;
         setsockopt(hSocket, SOL_SOCKET, SO_RCVBUF, &nBuffer, sizeof(nBuffer));
     }
-    ~Client() { close(hSocket); }
+    ~Client() {
+        close(hSocket);
+        pthread_setname_np(pthread_self(), "udpxcore_echo");
+    }
 };
 
 double ClockSeconds(clockid_t nClock) {
