@@ -272,6 +272,8 @@ TEST_F(TCPXCoreTest, CallbacksMayCloseTheirClientOrDestroyTheirServer) {
         EXPECT_TRUE(PeerClosed(client.Get()));
         EXPECT_EQ(1u, server.Events().RecvCount());
         EXPECT_EQ(0u, server.Events().LeaveCount());
+        // the callback goes on after the close the client sees
+        ASSERT_TRUE(WaitFor([&] { return nSendCode.load() != 0; }));
         EXPECT_FALSE(bSentAfterClose.load());
         EXPECT_EQ(ERROR_NETCORE_TCPXCORE_NOTFOUND, nSendCode.load());
     }
