@@ -1,20 +1,29 @@
-// Echo benchmark of the TCP epoll server against a minimal echo server written directly on epoll
-// (one SO_REUSEPORT listener, epoll instance and thread per server thread: the practical ceiling
-// on this machine) and, when libuv was found at configure time, a libuv echo server (one loop on
-// one thread: libuv 1.44 has no SO_REUSEPORT option to spread a listener over several loops).
-// All are driven by the same loopback load generator in the same run.
+// Echo benchmark of the TCP epoll server against its peers, all driven by the same loopback load
+// generator in the same run:
+//   - a minimal echo server written directly on epoll (one SO_REUSEPORT listener, epoll instance
+//     and thread per server thread, edge-triggered clients drained to EAGAIN): the reference,
+//   - a libuv echo server when libuv was found at configure time (one loop on one thread: libuv
+//     1.44 has no SO_REUSEPORT option to spread a listener over several loops),
+//   - an Asio echo server when the standalone Asio headers were found (one io_context, acceptor
+//     and thread per server thread, SO_REUSEPORT listeners, like the minimal server).
 //
 // The load generator lives in a child process forked before any server or thread is started, so
 // each process holds one end of every connection (10,000 connections fit a 20,000-descriptor hard
-// limit) and the heap figures are the server process's alone. The parent sends it commands
-// (connect, drive, close) through one pipe and reads the results from another.
+// limit), and the heap and CPU figures are the server process's alone. The parent sends it
+// commands (connect, drive, close) through one pipe and reads the results from another; while
+// driving, the child marks the start and the end of the measured window on the reply pipe, and
+// the parent reads its own process CPU clock (user + system time of the server threads; its main
+// thread only waits on the pipe) at each mark.
 //
-// Usage: tcpxcore_echo [--seconds S] [--repeat R] [--inflight M] [--threads T] [--conns a,b,c] [--sizes x,y]
+// Usage: tcpxcore_echo [--seconds S] [--repeat R] [--inflight a,b] [--threads T] [--conns a,b,c]
+//                      [--sizes x,y] [--servers minimal,netcore,libuv,asio]
 //   defaults: 1 s per measurement after a 0.3 s warm-up, 3 repeats (median taken, the servers
-//   interleaved), 1 message in flight per connection, 2 server threads and 2 client threads,
-//   64, 1000 and 10000 connections, 64-byte and 4096-byte messages.
-// Prints messages/s, MB/s (each way), p50 and p99 round-trip latency per cell, every figure as a
-// ratio to the minimal server, and the heap bytes each idle connection costs.
+//   interleaved), 1 and 8 messages in flight per connection (8: a pipelined load), 2 server
+//   threads and 2 client threads, 64, 1000 and 10000 connections, 64-byte and 4096-byte messages.
+// Prints per cell messages/s, MB/s (each way), p50 and p99 round-trip latency and the server's CPU
+// time per echoed message; throughput and latency as ratios to the minimal server, CPU as a ratio
+// to the best peer (the leanest other server in the run, the minimal reference aside); then the
+// heap bytes each idle connection costs.
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <malloc.h>
@@ -35,6 +44,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -45,6 +55,9 @@
 #ifdef NETCORE_BENCH_HAVE_LIBUV
 #include <uv.h>
 #endif
+#ifdef NETCORE_BENCH_HAVE_ASIO
+#include <asio.hpp>
+#endif
 
 namespace {
 
@@ -53,8 +66,9 @@ using Clock = std::chrono::steady_clock;
 struct Options {
     double dSeconds = 1.0;
     int nRepeat = 3;
-    int nInflight = 1;
+    std::vector<int> stl_Inflight{1, 8};
     int nThreads = 2;
+    std::vector<std::string> stl_Servers{"minimal", "netcore", "libuv", "asio"};
     std::vector<int> stl_Conns{64, 1000, 10000};
     std::vector<int> stl_Sizes{64, 4096};
 };
@@ -66,6 +80,15 @@ std::vector<int> ParseList(const char* lpszText) {
     while (std::getline(st_Stream, strItem, ','))
         stl_Values.push_back(atoi(strItem.c_str()));
     return stl_Values;
+}
+
+std::vector<std::string> ParseNames(const char* lpszText) {
+    std::vector<std::string> stl_Names;
+    std::stringstream st_Stream(lpszText);
+    std::string strItem;
+    while (std::getline(st_Stream, strItem, ','))
+        stl_Names.push_back(strItem);
+    return stl_Names;
 }
 
 int FreePort() {
@@ -85,6 +108,7 @@ class EchoServer {
 public:
     virtual ~EchoServer() = default;
     virtual const char* Name() const = 0;
+    virtual const char* Key() const = 0;  // the name --servers takes
     virtual bool Start(int nPort, int nThreads) = 0;
     virtual void Stop() = 0;
     virtual int Clients() = 0;
@@ -94,6 +118,7 @@ public:
 class NetCoreEcho : public EchoServer {
 public:
     const char* Name() const override { return "NetCore TCPXCore"; }
+    const char* Key() const override { return "netcore"; }
     bool Start(int nPort, int nThreads) override {
         m_xhNet = NetCore_TCPXCore_StartEx(nPort, 100000, nThreads, false, true, 1, AF_INET);
         if (m_xhNet == nullptr) return false;
@@ -126,6 +151,7 @@ private:
 class MinimalEcho : public EchoServer {
 public:
     const char* Name() const override { return "minimal epoll"; }
+    const char* Key() const override { return "minimal"; }
     bool Start(int nPort, int nThreads) override {
         m_bRun = true;
         for (int i = 0; i < nThreads; i++) {
@@ -219,6 +245,7 @@ private:
 class LibuvEcho : public EchoServer {
 public:
     const char* Name() const override { return "libuv"; }
+    const char* Key() const override { return "libuv"; }
     bool Start(int nPort, int) override {
         if (uv_loop_init(&m_st_Loop) != 0) return false;
         m_st_Loop.data = this;
@@ -312,6 +339,89 @@ private:
 };
 #endif
 
+#ifdef NETCORE_BENCH_HAVE_ASIO
+// Asio's echo as its examples write it: each session reads some bytes and writes them back whole
+// before it reads again. Per server thread an io_context run by that thread alone (concurrency
+// hint 1, so Asio leaves out its locking) with its own SO_REUSEPORT acceptor, like the minimal
+// server. Stop ends the loops; destroying an io_context frees the sessions its handlers hold.
+class AsioEcho : public EchoServer {
+public:
+    const char* Name() const override { return "Asio"; }
+    const char* Key() const override { return "asio"; }
+    bool Start(int nPort, int nThreads) override {
+        try {
+            for (int i = 0; i < nThreads; i++) {
+                auto pSt_Loop = std::make_unique<Loop>();
+                asio::ip::tcp::endpoint st_Endpoint(asio::ip::tcp::v4(), static_cast<unsigned short>(nPort));
+                pSt_Loop->st_Acceptor.open(st_Endpoint.protocol());
+                pSt_Loop->st_Acceptor.set_option(asio::socket_base::reuse_address(true));
+                pSt_Loop->st_Acceptor.set_option(asio::detail::socket_option::boolean<SOL_SOCKET, SO_REUSEPORT>(true));
+                pSt_Loop->st_Acceptor.bind(st_Endpoint);
+                pSt_Loop->st_Acceptor.listen(128);
+                m_stl_Loops.push_back(std::move(pSt_Loop));
+            }
+        } catch (const std::exception&) {
+            m_stl_Loops.clear();
+            return false;
+        }
+        for (auto& pSt_Loop : m_stl_Loops) {
+            Accept(*pSt_Loop);
+            pSt_Loop->st_Thread = std::thread([pSt_Run = pSt_Loop.get()] { pSt_Run->st_Context.run(); });
+        }
+        return true;
+    }
+    void Stop() override {
+        for (auto& pSt_Loop : m_stl_Loops)
+            pSt_Loop->st_Context.stop();
+        for (auto& pSt_Loop : m_stl_Loops)
+            pSt_Loop->st_Thread.join();
+        m_stl_Loops.clear();
+        m_nClients = 0;
+    }
+    int Clients() override { return m_nClients.load(); }
+
+private:
+    struct Loop {
+        asio::io_context st_Context{1};  // declared first: outlives the acceptor and the sessions
+        asio::ip::tcp::acceptor st_Acceptor{st_Context};
+        std::thread st_Thread;
+    };
+    class Session : public std::enable_shared_from_this<Session> {
+    public:
+        Session(asio::ip::tcp::socket st_Socket, std::atomic<int>* pInt_Clients)
+            : m_st_Socket(std::move(st_Socket)), m_pInt_Clients(pInt_Clients) {
+            (*m_pInt_Clients)++;
+        }
+        ~Session() { (*m_pInt_Clients)--; }
+        void Read() {
+            auto pSt_Self = shared_from_this();
+            m_st_Socket.async_read_some(asio::buffer(m_tszData),
+                                        [this, pSt_Self](std::error_code st_Error, size_t nRead) {
+                                            if (st_Error) return;
+                                            asio::async_write(m_st_Socket, asio::buffer(m_tszData, nRead),
+                                                              [this, pSt_Self](std::error_code st_WriteError, size_t) {
+                                                                  if (!st_WriteError) Read();
+                                                              });
+                                        });
+        }
+
+    private:
+        asio::ip::tcp::socket m_st_Socket;
+        std::atomic<int>* m_pInt_Clients;
+        char m_tszData[8192];
+    };
+    void Accept(Loop& st_Loop) {
+        st_Loop.st_Acceptor.async_accept([this, &st_Loop](std::error_code st_Error, asio::ip::tcp::socket st_Socket) {
+            if (!st_Error) std::make_shared<Session>(std::move(st_Socket), &m_nClients)->Read();
+            if (st_Error != asio::error::operation_aborted) Accept(st_Loop);
+        });
+    }
+
+    std::vector<std::unique_ptr<Loop>> m_stl_Loops;
+    std::atomic<int> m_nClients{0};
+};
+#endif
+
 // ----- the load generator ------------------------------------------------------------------------
 
 struct Connection {
@@ -325,6 +435,8 @@ struct Result {
     double dMessages = 0;       // per second
     double dMBytes = 0;         // per second, each way
     double dP50 = 0, dP99 = 0;  // microseconds
+    double dCpu = 0;            // server CPU microseconds per echoed message (filled by the parent)
+    long long nMessages = 0;    // echoed in the measured window
     bool bOk = false;
 };
 
@@ -378,8 +490,11 @@ bool SendMessage(Connection& st_Conn, const std::string& strMessage) {
     return true;
 }
 
-// Drives the connections with nInflight messages each: warm-up, then the measured window.
-Result Drive(std::vector<Connection>& stl_Conns, int nSize, const Options& st_Options) {
+void MarkWindow(int hMarks);
+
+// Drives the connections with nInflight messages each: warm-up, then the measured window of
+// dSeconds, whose start and end are marked with one byte each on hMarks.
+Result Drive(std::vector<Connection>& stl_Conns, int nSize, int nInflight, double dSeconds, int hMarks) {
     std::string strMessage(static_cast<size_t>(nSize), 'b');
     std::atomic<bool> bMeasure{false}, bStop{false};
     int nClientThreads = 2;
@@ -394,7 +509,7 @@ Result Drive(std::vector<Connection>& stl_Conns, int nSize, const Options& st_Op
             st_Event.events = EPOLLIN | EPOLLET;
             st_Event.data.u64 = i;
             epoll_ctl(hEpoll, EPOLL_CTL_ADD, stl_Conns[i].hSocket, &st_Event);
-            for (int j = 0; j < st_Options.nInflight; j++)
+            for (int j = 0; j < nInflight; j++)
                 SendMessage(stl_Conns[i], strMessage);
         }
         std::vector<epoll_event> stl_Events(1024);
@@ -443,8 +558,10 @@ Result Drive(std::vector<Connection>& stl_Conns, int nSize, const Options& st_Op
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
     auto nStart = Clock::now();
     bMeasure = true;
-    std::this_thread::sleep_for(std::chrono::duration<double>(st_Options.dSeconds));
+    MarkWindow(hMarks);
+    std::this_thread::sleep_for(std::chrono::duration<double>(dSeconds));
     bMeasure = false;
+    MarkWindow(hMarks);
     double dElapsed = std::chrono::duration<double>(Clock::now() - nStart).count();
     bStop = true;
     for (auto& st_Thread : stl_Threads)
@@ -457,6 +574,7 @@ Result Drive(std::vector<Connection>& stl_Conns, int nSize, const Options& st_Op
         nTotal += stl_Counts[i];
         stl_All.insert(stl_All.end(), stl_Latencies[i].begin(), stl_Latencies[i].end());
     }
+    st_Result.nMessages = nTotal;
     st_Result.dMessages = nTotal / dElapsed;
     st_Result.dMBytes = nTotal * static_cast<double>(nSize) / dElapsed / 1e6;
     if (!stl_All.empty()) {
@@ -477,6 +595,8 @@ struct Command {
     int nPort = 0;
     int nConns = 0;
     int nSize = 0;
+    int nInflight = 1;
+    double dSeconds = 1;
 };
 
 bool WriteFull(int hFd, const void* lpData, size_t nLen) {
@@ -489,6 +609,19 @@ bool WriteFull(int hFd, const void* lpData, size_t nLen) {
         nLen -= static_cast<size_t>(nRet);
     }
     return true;
+}
+
+// Marks a window edge for the parent; see LoadGenerator::Drive.
+void MarkWindow(int hMarks) {
+    char chMark = 'm';
+    WriteFull(hMarks, &chMark, 1);
+}
+
+// User + system time of every thread of this process, the ended ones included.
+double ProcessCpuSeconds() {
+    timespec st_Time{};
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &st_Time);
+    return static_cast<double>(st_Time.tv_sec) + static_cast<double>(st_Time.tv_nsec) / 1e9;
 }
 
 bool ReadFull(int hFd, void* lpData, size_t nLen) {
@@ -505,8 +638,10 @@ bool ReadFull(int hFd, void* lpData, size_t nLen) {
 
 // The child's side: holds the client sockets between commands and answers each with a Result
 // (Connect and Close only fill bOk). Ends on Quit or when the parent goes away.
-[[noreturn]] void LoadGeneratorMain(int hCommands, int hReplies, const Options& st_Options) {
+[[noreturn]] void LoadGeneratorMain(int hCommands, int hReplies) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
+    // its own name, so that a profile or top tells it from the servers' process
+    prctl(PR_SET_NAME, "echo-loadgen");
     std::vector<Connection> stl_Conns;
     Command st_Command;
     while (ReadFull(hCommands, &st_Command, sizeof(st_Command)) && st_Command.eOp != Op::Quit) {
@@ -517,7 +652,7 @@ bool ReadFull(int hFd, void* lpData, size_t nLen) {
                 st_Result.bOk = ConnectAll(st_Command.nPort, st_Command.nConns, &stl_Conns);
                 break;
             case Op::Drive:
-                st_Result = Drive(stl_Conns, st_Command.nSize, st_Options);
+                st_Result = Drive(stl_Conns, st_Command.nSize, st_Command.nInflight, st_Command.dSeconds, hReplies);
                 break;
             case Op::Close:
                 CloseAll(&stl_Conns);
@@ -537,7 +672,7 @@ bool ReadFull(int hFd, void* lpData, size_t nLen) {
 class LoadGenerator {
 public:
     // Call before any server or thread exists: the child then starts from a single thread.
-    bool Spawn(const Options& st_Options) {
+    bool Spawn() {
         int thCommands[2], thReplies[2];
         if (pipe2(thCommands, O_CLOEXEC) != 0 || pipe2(thReplies, O_CLOEXEC) != 0) return false;
         fflush(nullptr);
@@ -546,7 +681,7 @@ public:
         if (m_nPid == 0) {
             close(thCommands[1]);
             close(thReplies[0]);
-            LoadGeneratorMain(thCommands[0], thReplies[1], st_Options);
+            LoadGeneratorMain(thCommands[0], thReplies[1]);
         }
         close(thCommands[0]);
         close(thReplies[1]);
@@ -555,7 +690,19 @@ public:
         return true;
     }
     bool Connect(int nPort, int nConns) { return Ask({Op::Connect, nPort, nConns, 0}).bOk; }
-    Result Drive(int nSize) { return Ask({Op::Drive, 0, 0, nSize}); }
+    // The server's CPU time is read at the child's two window marks.
+    Result Drive(int nSize, int nInflight, double dSeconds) {
+        Command st_Command{Op::Drive, 0, 0, nSize, nInflight, dSeconds};
+        char chMark[2];
+        if (!WriteFull(m_hCommands, &st_Command, sizeof(st_Command)) || !ReadFull(m_hReplies, &chMark[0], 1)) Lost();
+        double dCpuStart = ProcessCpuSeconds();
+        if (!ReadFull(m_hReplies, &chMark[1], 1)) Lost();
+        double dCpu = ProcessCpuSeconds() - dCpuStart;
+        Result st_Result;
+        if (!ReadFull(m_hReplies, &st_Result, sizeof(st_Result))) Lost();
+        if (st_Result.nMessages > 0) st_Result.dCpu = dCpu * 1e6 / static_cast<double>(st_Result.nMessages);
+        return st_Result;
+    }
     void CloseAll() { Ask({Op::Close, 0, 0, 0}); }
     void Quit() {
         if (m_nPid <= 0) return;
@@ -572,12 +719,15 @@ private:
         Result st_Result;
         if (!WriteFull(m_hCommands, &st_Command, sizeof(st_Command)) ||
             !ReadFull(m_hReplies, &st_Result, sizeof(st_Result))) {
-            int nStatus = 0;
-            waitpid(m_nPid, &nStatus, 0);
-            fprintf(stderr, "the load generator process ended (status 0x%x); stopping\n", nStatus);
-            exit(1);
+            Lost();
         }
         return st_Result;
+    }
+    [[noreturn]] void Lost() {
+        int nStatus = 0;
+        waitpid(m_nPid, &nStatus, 0);
+        fprintf(stderr, "the load generator process ended (status 0x%x); stopping\n", nStatus);
+        exit(1);
     }
     pid_t m_nPid = -1;
     int m_hCommands = -1;
@@ -602,11 +752,14 @@ bool StartOnFreePort(EchoServer& st_Server, const Options& st_Options, int* pInt
     return false;
 }
 
-Result RunOnce(LoadGenerator& st_Load, EchoServer& st_Server, int nConns, int nSize, const Options& st_Options) {
+Result RunOnce(LoadGenerator& st_Load, EchoServer& st_Server, int nConns, int nSize, int nInflight,
+               const Options& st_Options) {
     Result st_Result;
     int nPort = 0;
     if (!StartOnFreePort(st_Server, st_Options, &nPort)) return st_Result;
-    if (st_Load.Connect(nPort, nConns) && WaitClients(st_Server, nConns)) st_Result = st_Load.Drive(nSize);
+    if (st_Load.Connect(nPort, nConns) && WaitClients(st_Server, nConns)) {
+        st_Result = st_Load.Drive(nSize, nInflight, st_Options.dSeconds);
+    }
     st_Load.CloseAll();
     WaitClients(st_Server, 0);
     st_Server.Stop();
@@ -626,6 +779,7 @@ Result Median(std::vector<Result> stl_Results) {
     st_Median.dMBytes = fnMedian(&Result::dMBytes);
     st_Median.dP50 = fnMedian(&Result::dP50);
     st_Median.dP99 = fnMedian(&Result::dP99);
+    st_Median.dCpu = fnMedian(&Result::dCpu);
     st_Median.bOk = std::all_of(stl_Results.begin(), stl_Results.end(), [](const Result& r) { return r.bOk; });
     return st_Median;
 }
@@ -664,11 +818,14 @@ int main(int argc, char** argv) {
         std::string strFlag = argv[i];
         if (strFlag == "--seconds") st_Options.dSeconds = atof(argv[i + 1]);
         if (strFlag == "--repeat") st_Options.nRepeat = std::max(1, atoi(argv[i + 1]));
-        if (strFlag == "--inflight") st_Options.nInflight = std::max(1, atoi(argv[i + 1]));
+        if (strFlag == "--inflight") st_Options.stl_Inflight = ParseList(argv[i + 1]);
         if (strFlag == "--threads") st_Options.nThreads = std::max(1, atoi(argv[i + 1]));
         if (strFlag == "--conns") st_Options.stl_Conns = ParseList(argv[i + 1]);
         if (strFlag == "--sizes") st_Options.stl_Sizes = ParseList(argv[i + 1]);
+        if (strFlag == "--servers") st_Options.stl_Servers = ParseNames(argv[i + 1]);
     }
+    for (int& nInflight : st_Options.stl_Inflight)
+        nInflight = std::max(1, nInflight);
     // a write to a client the load generator has reset must not kill the server process
     signal(SIGPIPE, SIG_IGN);
     // Each process holds one end of every connection. A privileged run may raise the hard limit
@@ -684,53 +841,94 @@ int main(int argc, char** argv) {
     int nMaxConns = static_cast<int>(std::min<rlim_t>(st_Limit.rlim_cur, 1 << 20)) - 64;
 
     LoadGenerator st_Load;
-    if (!st_Load.Spawn(st_Options)) {
+    if (!st_Load.Spawn()) {
         fprintf(stderr, "cannot start the load generator process: %s\n", strerror(errno));
         return 1;
     }
 
     MinimalEcho st_Minimal;
     NetCoreEcho st_NetCore;
-    std::vector<EchoServer*> stl_Servers{&st_Minimal, &st_NetCore};  // the reference first
+    std::vector<EchoServer*> stl_Available{&st_Minimal, &st_NetCore};
 #ifdef NETCORE_BENCH_HAVE_LIBUV
     LibuvEcho st_Libuv;
-    stl_Servers.push_back(&st_Libuv);
+    stl_Available.push_back(&st_Libuv);
 #endif
+#ifdef NETCORE_BENCH_HAVE_ASIO
+    AsioEcho st_Asio;
+    stl_Available.push_back(&st_Asio);
+#endif
+    // in the order given above, the minimal reference first
+    std::vector<EchoServer*> stl_Servers;
+    for (EchoServer* pSt_Server : stl_Available) {
+        if (std::find(st_Options.stl_Servers.begin(), st_Options.stl_Servers.end(), pSt_Server->Key()) !=
+            st_Options.stl_Servers.end()) {
+            stl_Servers.push_back(pSt_Server);
+        }
+    }
+    const bool bHaveMinimal = !stl_Servers.empty() && stl_Servers[0] == &st_Minimal;
     printf(
-        "echo benchmark on 127.0.0.1: %d server threads, 2 client threads in a separate process, %d in flight per "
-        "connection, %.1f s x %d (median)\n",
-        st_Options.nThreads, st_Options.nInflight, st_Options.dSeconds, st_Options.nRepeat);
+        "echo benchmark on 127.0.0.1: %d server threads, 2 client threads in a separate process, %.1f s x %d "
+        "(median)\n",
+        st_Options.nThreads, st_Options.dSeconds, st_Options.nRepeat);
 #ifdef NETCORE_BENCH_HAVE_LIBUV
     printf("libuv %s: one loop on one thread\n", uv_version_string());
 #else
     printf("libuv server not built: libuv was not found when the benchmark was configured\n");
 #endif
-    printf("%-7s %-6s %-18s %12s %9s %10s %10s   %s\n", "conns", "size", "server", "msgs/s", "MB/s", "p50 us", "p99 us",
-           "ratio to minimal (msgs/s, p50, p99)");
+#ifdef NETCORE_BENCH_HAVE_ASIO
+    printf("Asio %d.%d.%d: one io_context per server thread\n", ASIO_VERSION / 100000, ASIO_VERSION / 100 % 1000,
+           ASIO_VERSION % 100);
+#else
+    printf("Asio server not built: the Asio headers were not found when the benchmark was configured\n");
+#endif
+    printf("cpu = server process user+system time in the measured window per echoed message\n");
+    printf("%-6s %-5s %-5s %-17s %10s %8s %7s %7s %8s | %-17s | %s\n", "conns", "size", "infl", "server", "msgs/s",
+           "MB/s", "p50 us", "p99 us", "cpu us", "/minimal msgs p50 p99", "cpu/best peer");
     for (int nConns : st_Options.stl_Conns) {
         if (nConns > nMaxConns) {
-            printf("%-7d skipped: needs %d descriptors per process, the limit allows %d connections\n", nConns,
+            printf("%-6d skipped: needs %d descriptors per process, the limit allows %d connections\n", nConns,
                    nConns + 64, nMaxConns);
             continue;
         }
         for (int nSize : st_Options.stl_Sizes) {
-            std::vector<std::vector<Result>> stl_Results(stl_Servers.size());
-            for (int r = 0; r < st_Options.nRepeat; r++) {
-                for (size_t s = 0; s < stl_Servers.size(); s++)
-                    stl_Results[s].push_back(RunOnce(st_Load, *stl_Servers[s], nConns, nSize, st_Options));
-            }
-            Result st_Ref = Median(stl_Results[0]);
-            for (size_t s = 0; s < stl_Servers.size(); s++) {
-                Result st_Median = s == 0 ? st_Ref : Median(stl_Results[s]);
-                printf("%-7d %-6d %-18s %12.0f %9.2f %10.0f %10.0f", nConns, nSize, stl_Servers[s]->Name(),
-                       st_Median.dMessages, st_Median.dMBytes, st_Median.dP50, st_Median.dP99);
-                if (s > 0 && st_Ref.dMessages > 0) {
-                    printf("   %.3f  %.3f  %.3f", st_Median.dMessages / st_Ref.dMessages,
-                           st_Ref.dP50 > 0 ? st_Median.dP50 / st_Ref.dP50 : 0,
-                           st_Ref.dP99 > 0 ? st_Median.dP99 / st_Ref.dP99 : 0);
+            for (int nInflight : st_Options.stl_Inflight) {
+                std::vector<std::vector<Result>> stl_Results(stl_Servers.size());
+                for (int r = 0; r < st_Options.nRepeat; r++) {
+                    for (size_t s = 0; s < stl_Servers.size(); s++) {
+                        stl_Results[s].push_back(
+                            RunOnce(st_Load, *stl_Servers[s], nConns, nSize, nInflight, st_Options));
+                    }
                 }
-                printf("%s\n", st_Median.bOk ? "" : "   (errors)");
-                fflush(stdout);
+                std::vector<Result> stl_Medians;
+                for (const std::vector<Result>& stl_Runs : stl_Results)
+                    stl_Medians.push_back(Median(stl_Runs));
+                for (size_t s = 0; s < stl_Servers.size(); s++) {
+                    const Result& st_Median = stl_Medians[s];
+                    printf("%-6d %-5d %-5d %-17s %10.0f %8.2f %7.0f %7.0f %8.2f |", nConns, nSize, nInflight,
+                           stl_Servers[s]->Name(), st_Median.dMessages, st_Median.dMBytes, st_Median.dP50,
+                           st_Median.dP99, st_Median.dCpu);
+                    const Result& st_Ref = stl_Medians[0];
+                    if (bHaveMinimal && s > 0 && st_Ref.dMessages > 0 && st_Ref.dP50 > 0 && st_Ref.dP99 > 0) {
+                        printf(" %5.3f %5.3f %5.3f |", st_Median.dMessages / st_Ref.dMessages,
+                               st_Median.dP50 / st_Ref.dP50, st_Median.dP99 / st_Ref.dP99);
+                    } else {
+                        printf(" %17s |", "");
+                    }
+                    // the best peer: the leanest other server, the minimal reference aside
+                    double dBest = 0;
+                    const char* lpszBest = nullptr;
+                    for (size_t p = bHaveMinimal ? 1 : 0; p < stl_Servers.size(); p++) {
+                        if (p == s || stl_Medians[p].dCpu <= 0) continue;
+                        if (lpszBest == nullptr || stl_Medians[p].dCpu < dBest) {
+                            dBest = stl_Medians[p].dCpu;
+                            lpszBest = stl_Servers[p]->Name();
+                        }
+                    }
+                    if (lpszBest != nullptr && st_Median.dCpu > 0)
+                        printf(" %5.3f (%s)", st_Median.dCpu / dBest, lpszBest);
+                    printf("%s\n", st_Median.bOk ? "" : "   (errors)");
+                    fflush(stdout);
+                }
             }
         }
     }

@@ -33,6 +33,10 @@ constexpr int kMaxReadsPerEvent = 64;
 
 // The server whose event loop runs on this thread, if any.
 thread_local const CNetCore_TCPXCore* t_pEventServer = nullptr;
+// The client whose receive callback runs on this thread, if any. The event thread holds a
+// reference to it for the whole call, so a send answering it from the callback can skip the
+// lookup by address text.
+thread_local NETCORE_TCPEPOLL_CLIENT* t_pSt_Delivering = nullptr;
 
 unsigned long long TickNow() {
     return BaseLib_OperatorTime_GetTickCount64();
@@ -63,8 +67,10 @@ void RenewPeriod(std::atomic<unsigned long long>& nPeriodStart, unsigned long lo
     }
 }
 
+// Per-client counters have one writer at a time (the receive path under the receive lock, senders
+// under the send lock), so a plain load and store adds without a locked instruction.
 void Add(std::atomic<unsigned long long>& nCounter, unsigned long long nValue) {
-    nCounter.fetch_add(nValue, std::memory_order_relaxed);
+    nCounter.store(nCounter.load(std::memory_order_relaxed) + nValue, std::memory_order_relaxed);
 }
 
 unsigned long long Get(const std::atomic<unsigned long long>& nCounter) {
@@ -243,15 +249,15 @@ bool CNetCore_TCPXCore::NetCore_TCPXCore_Destroy(bool bClearFlow) {
             shutdown(st_Pair.second->hSocket, SHUT_RDWR);
         }
         // the descriptors close with the records (later for one a sender still holds)
-        stl_MapSockets.clear();
+        stl_ListSockets.clear();
         stl_MapClients.clear();
     }
     if (pSt_ThreadParam != nullptr) {
         BaseLib_OperatorMemory_Free(reinterpret_cast<void***>(&pSt_ThreadParam), nThreadCount);
     }
     if (bClearFlow) {
-        for (auto* pCounter : {&nSendBytes, &nSendPackets, &nRecvBytes, &nRecvPackets})
-            pCounter->store(0);
+        for (size_t i = 0; i < kFlowCount; i++)
+            st_Flow.Reset(i);
     }
     return true;
 }
@@ -356,7 +362,10 @@ bool CNetCore_TCPXCore::NetCore_TCPXCore_AcceptClient(NETCORE_TCPEPOLL_EVENTS* p
         // An existing entry is kept. Two live connections cannot share an address and port, so
         // the newcomer that loses is simply dropped.
         if (!stl_MapClients.emplace(std::string_view(pSt_Client->tszClientAddr), pSt_Client).second) return true;
-        stl_MapSockets.emplace(hSocket, pSt_Client);
+        if (stl_ListSockets.size() <= static_cast<size_t>(hSocket)) {
+            stl_ListSockets.resize(std::max<size_t>(static_cast<size_t>(hSocket) + 1, stl_ListSockets.size() * 2));
+        }
+        stl_ListSockets[hSocket] = pSt_Client;
         nClients = stl_MapClients.size();
     }
 
@@ -373,10 +382,10 @@ bool CNetCore_TCPXCore::NetCore_TCPXCore_AcceptClient(NETCORE_TCPEPOLL_EVENTS* p
 }
 
 bool CNetCore_TCPXCore::NetCore_TCPXCore_GetClient(int hSocket, ClientPtr* ppSt_Client) {
+    if (hSocket < 0) return false;
     std::shared_lock<std::shared_mutex> st_Lock(st_Locker);
-    auto stl_Iterator = stl_MapSockets.find(hSocket);
-    if (stl_Iterator == stl_MapSockets.end()) return false;
-    *ppSt_Client = stl_Iterator->second;
+    if (static_cast<size_t>(hSocket) >= stl_ListSockets.size() || !stl_ListSockets[hSocket]) return false;
+    *ppSt_Client = stl_ListSockets[hSocket];
     return true;
 }
 
@@ -392,14 +401,17 @@ CNetCore_TCPXCore::ClientPtr CNetCore_TCPXCore::FindClient(const char* lpszClien
 void CNetCore_TCPXCore::DeliverRecv(NETCORE_TCPEPOLL_CLIENT* pSt_Client, const char* lpszMsg, int nLen) {
     CALLBACK_NETCORE_TCPXCORE_RECV fpRecv = fpCallePoll_Recv.load(std::memory_order_relaxed);
     if (fpRecv != nullptr) {
+        NETCORE_TCPEPOLL_CLIENT* pSt_Outer = t_pSt_Delivering;
+        t_pSt_Delivering = pSt_Client;
         fpRecv(pSt_Client->tszClientAddr, pSt_Client->hSocket, lpszMsg, nLen,
                lpRecvParam.load(std::memory_order_relaxed));
+        t_pSt_Delivering = pSt_Outer;
     }
 }
 
 void CNetCore_TCPXCore::CountRecv(NETCORE_TCPEPOLL_CLIENT* pSt_Client, int nLen) {
-    Add(nRecvPackets, 1);
-    Add(nRecvBytes, static_cast<unsigned long long>(nLen));
+    st_Flow.Add(kRecvPackets, 1);
+    st_Flow.Add(kRecvBytes, static_cast<unsigned long long>(nLen));
     unsigned long long nNow = TickNow();
     pSt_Client->nTimeRecv.store(nNow, std::memory_order_relaxed);
     Add(pSt_Client->nRecvPackets, 1);
@@ -412,12 +424,17 @@ void CNetCore_TCPXCore::CountRecv(NETCORE_TCPEPOLL_CLIENT* pSt_Client, int nLen)
 // Framing of one read, under the client's receive lock. Messages of nPktLen bytes, at most one
 // per read; below that, a terminator found in the buffered text delivers everything buffered.
 void CNetCore_TCPXCore::FrameMessage(NETCORE_TCPEPOLL_CLIENT* pSt_Client, const char* lpszData, int nLen) {
+    // without a packet length there is no framing: nothing else needs reading
+    if (pSt_Client->nPktLen.load(std::memory_order_relaxed) <= 0) {
+        DeliverRecv(pSt_Client, lpszData, nLen);
+        return;
+    }
     int nPktLen;
     char tszEndMark[NETCORE_TCPXCORE_ENDMARK_SIZE] = {};
     NETCORE_TCPEPOLL_FRAMING* pSt_Framing;
     {
         std::lock_guard<NetCore_TCPXCore_SpinLock> st_Lock(pSt_Client->st_LockLimit);
-        nPktLen = pSt_Client->nPktLen;
+        nPktLen = pSt_Client->nPktLen.load(std::memory_order_relaxed);
         if (pSt_Client->ptszEndMark) strcpy(tszEndMark, pSt_Client->ptszEndMark.get());
         pSt_Framing = pSt_Client->pSt_Framing.get();
     }
@@ -534,8 +551,17 @@ bool CNetCore_TCPXCore::NetCore_TCPXCore_SendMsg(const char* lpszClientAddr, con
     }
     // The table lock is only held for the lookup: a slow peer blocking a send must not hold up
     // accepts and closes on every event thread. The reference keeps the client alive meanwhile.
-    ClientPtr pSt_Client = FindClient(lpszClientAddr);
-    if (!pSt_Client) return Fail(ERROR_NETCORE_TCPXCORE_NOTFOUND);
+    // An answer from the receive callback, given the very address text the callback was handed,
+    // goes to the client being served, which the event thread keeps alive; it is still in the
+    // table unless it was closed.
+    ClientPtr pSt_Found;
+    NETCORE_TCPEPOLL_CLIENT* pSt_Client = t_pSt_Delivering;
+    if (pSt_Client == nullptr || pSt_Client->pClass != this || lpszClientAddr != pSt_Client->tszClientAddr ||
+        pSt_Client->bClosed.load()) {
+        pSt_Found = FindClient(lpszClientAddr);
+        if (!pSt_Found) return Fail(ERROR_NETCORE_TCPXCORE_NOTFOUND);
+        pSt_Client = pSt_Found.get();
+    }
     std::lock_guard<std::mutex> st_Lock(pSt_Client->st_LockSend);
     if (pSt_Client->bStatus.load()) return Fail(ERROR_NETCORE_TCPXCORE_SEND_STATUS);
     if (nIOSelect >= 0 && !m_Socket.NetCore_Socket_IOSelect(pSt_Client->hSocket, false, nIOSelect)) return false;
@@ -548,8 +574,8 @@ bool CNetCore_TCPXCore::NetCore_TCPXCore_SendMsg(const char* lpszClientAddr, con
         return Fail(ERROR_NETCORE_TCPXCORE_SEND_EPOLLCTL);
     }
 
-    Add(nSendPackets, 1);
-    Add(nSendBytes, static_cast<unsigned long long>(nMsgLen));
+    st_Flow.Add(kSendPackets, 1);
+    st_Flow.Add(kSendBytes, static_cast<unsigned long long>(nMsgLen));
     unsigned long long nNow = TickNow();
     Add(pSt_Client->nSendPackets, 1);
     Add(pSt_Client->nSendBytes, static_cast<unsigned long long>(nMsgLen));
@@ -603,7 +629,7 @@ bool CNetCore_TCPXCore::NetCore_TCPXCore_SetLimit(const char* lpszClientAddr, in
         return Fail(ERROR_NETCORE_TCPXCORE_CREATE_MALLOC);
     }
     std::lock_guard<NetCore_TCPXCore_SpinLock> st_Lock(pSt_Client->st_LockLimit);
-    pSt_Client->nPktLen = nPktLen;
+    pSt_Client->nPktLen.store(nPktLen, std::memory_order_relaxed);
     if (lpszEndMark != nullptr) pSt_Client->ptszEndMark.swap(ptszEndMark);
     if (pSt_Framing && !pSt_Client->pSt_Framing) pSt_Client->pSt_Framing.swap(pSt_Framing);
     return true;
@@ -615,7 +641,7 @@ bool CNetCore_TCPXCore::NetCore_TCPXCore_GetLimit(const char* lpszClientAddr, in
     ClientPtr pSt_Client = FindClient(lpszClientAddr);
     if (!pSt_Client) return Fail(ERROR_NETCORE_TCPXCORE_NOTFOUND);
     std::lock_guard<NetCore_TCPXCore_SpinLock> st_Lock(pSt_Client->st_LockLimit);
-    if (pInt_PktLen != nullptr) *pInt_PktLen = pSt_Client->nPktLen;
+    if (pInt_PktLen != nullptr) *pInt_PktLen = pSt_Client->nPktLen.load(std::memory_order_relaxed);
     if (ptszEndMark != nullptr) strcpy(ptszEndMark, pSt_Client->ptszEndMark ? pSt_Client->ptszEndMark.get() : "");
     return true;
 }
@@ -652,7 +678,7 @@ bool CNetCore_TCPXCore::NetCore_TCPXCore_CloseForClient(const char* lpszClientAd
         if (stl_Iterator == stl_MapClients.end()) return Fail(ERROR_NETCORE_TCPXCORE_NOTFOUND);
         pSt_Client = std::move(stl_Iterator->second);
         stl_MapClients.erase(stl_Iterator);
-        stl_MapSockets.erase(pSt_Client->hSocket);
+        stl_ListSockets[pSt_Client->hSocket].reset();
     }
     pSt_Client->bClosed.store(true);
     epoll_ctl(pSt_Client->hEpoll, EPOLL_CTL_DEL, pSt_Client->hSocket, nullptr);
@@ -700,10 +726,10 @@ bool CNetCore_TCPXCore::NetCore_TCPXCore_GetFlow(unsigned long long* pInt_SendBy
     ClearError();
     if (pInt_SendBytes == nullptr || pInt_RecvBytes == nullptr) return Fail(ERROR_NETCORE_TCPXCORE_PARAMENT);
     if (lpszClientAddr == nullptr) {
-        *pInt_SendBytes = Get(nSendBytes);
-        *pInt_RecvBytes = Get(nRecvBytes);
-        if (pInt_SendPackets != nullptr) *pInt_SendPackets = Get(nSendPackets);
-        if (pInt_RecvPackets != nullptr) *pInt_RecvPackets = Get(nRecvPackets);
+        *pInt_SendBytes = st_Flow.Get(kSendBytes);
+        *pInt_RecvBytes = st_Flow.Get(kRecvBytes);
+        if (pInt_SendPackets != nullptr) *pInt_SendPackets = st_Flow.Get(kSendPackets);
+        if (pInt_RecvPackets != nullptr) *pInt_RecvPackets = st_Flow.Get(kRecvPackets);
         return true;
     }
     ClientPtr pSt_Client = FindClient(lpszClientAddr);
@@ -744,25 +770,24 @@ bool CNetCore_TCPXCore::NetCore_TCPXCore_GetAverageFlow(unsigned long long* pInt
         return Fail(ERROR_NETCORE_TCPXCORE_PARAMENT);
     }
     // elapsed milliseconds times 1000, and integer quotients: the figures callers have always had
-    auto fnLifeAverage = [&](unsigned long long nStart, const std::atomic<unsigned long long>& nSendB,
-                             const std::atomic<unsigned long long>& nRecvB,
-                             const std::atomic<unsigned long long>& nSendP,
-                             const std::atomic<unsigned long long>& nRecvP) {
+    auto fnLifeAverage = [&](unsigned long long nStart, unsigned long long nSendB, unsigned long long nRecvB,
+                             unsigned long long nSendP, unsigned long long nRecvP) {
         unsigned long long nElapsed = (TickNow() - nStart) * 1000ULL;
-        *pInt_SendBytes = nElapsed == 0 ? 0 : Get(nSendB) / nElapsed;
-        *pInt_RecvBytes = nElapsed == 0 ? 0 : Get(nRecvB) / nElapsed;
-        *pInt_SendPackets = nElapsed == 0 ? 0 : Get(nSendP) / nElapsed;
-        *pInt_RecvPackets = nElapsed == 0 ? 0 : Get(nRecvP) / nElapsed;
+        *pInt_SendBytes = nElapsed == 0 ? 0 : nSendB / nElapsed;
+        *pInt_RecvBytes = nElapsed == 0 ? 0 : nRecvB / nElapsed;
+        *pInt_SendPackets = nElapsed == 0 ? 0 : nSendP / nElapsed;
+        *pInt_RecvPackets = nElapsed == 0 ? 0 : nRecvP / nElapsed;
         return true;
     };
     if (lpszClientAddr == nullptr) {
-        return fnLifeAverage(nTimeStart, nSendBytes, nRecvBytes, nSendPackets, nRecvPackets);
+        return fnLifeAverage(nTimeStart, st_Flow.Get(kSendBytes), st_Flow.Get(kRecvBytes), st_Flow.Get(kSendPackets),
+                             st_Flow.Get(kRecvPackets));
     }
     ClientPtr pSt_Client = FindClient(lpszClientAddr);
     if (!pSt_Client) return Fail(ERROR_NETCORE_TCPXCORE_NOTFOUND);
     if (bAll) {
-        return fnLifeAverage(pSt_Client->nTimeStart, pSt_Client->nSendBytes, pSt_Client->nRecvBytes,
-                             pSt_Client->nSendPackets, pSt_Client->nRecvPackets);
+        return fnLifeAverage(pSt_Client->nTimeStart, Get(pSt_Client->nSendBytes), Get(pSt_Client->nRecvBytes),
+                             Get(pSt_Client->nSendPackets), Get(pSt_Client->nRecvPackets));
     }
     // the period figure: the counter less the period's starting snapshot divided by the period
     unsigned long long nPeriod = static_cast<unsigned long long>(std::max(0, nFlowPeriod.load()));

@@ -14,9 +14,11 @@
 #include <string_view>
 #include <thread>
 #include <unordered_map>
+#include <vector>
 
 #include "Ombrelt_ManagePool.h"
 #include "Ombrelt_NetCore.h"
+#include "frame/FlowCounters.h"
 #include "socket/NetCore_Socket.h"
 
 class CNetCore_TCPXCore;
@@ -94,7 +96,8 @@ typedef struct tag_NetCore_TCPEpoll_Client {
     std::atomic<unsigned long long> nPeriodRecvBytes{0};
     std::atomic<unsigned long long> nPeriodSendPackets{0};
     std::atomic<unsigned long long> nPeriodRecvPackets{0};
-    int nPktLen = 0;
+    // also read without the spin lock, so that a client without framing never takes it
+    std::atomic<int> nPktLen{0};
     std::unique_ptr<char[]> ptszEndMark;  // null: no terminator
     std::unique_ptr<NETCORE_TCPEPOLL_FRAMING> pSt_Framing;
     void* lpSendParam = nullptr;
@@ -168,17 +171,16 @@ private:
     int hListenProbe = -1;
     int nThreadCount = 0;
     bool bReuseAddr = false;
-    std::atomic<unsigned long long> nSendBytes{0};
-    std::atomic<unsigned long long> nSendPackets{0};
-    std::atomic<unsigned long long> nRecvBytes{0};
-    std::atomic<unsigned long long> nRecvPackets{0};
+    // the server's totals: bytes sent, packets sent, bytes received, packets received
+    enum { kSendBytes, kSendPackets, kRecvBytes, kRecvPackets, kFlowCount };
+    netcore::FlowCounters<kFlowCount> st_Flow;
     unsigned long long nTimeStart = 0;
     std::atomic<int> nFlowPeriod{0};
     std::atomic<bool> bStarted{false};
     bool bKeepAlive = false;
     std::atomic<int> nMaxClient{0};
     std::atomic<int> nIPVer{2};
-    // Guards stl_MapClients, stl_MapSockets and stl_ListEvents: shared for lookups, exclusive to
+    // Guards stl_MapClients, stl_ListSockets and stl_ListEvents: shared for lookups, exclusive to
     // insert or remove a client and for teardown. Taken before a client's own locks, never
     // while one of them is held, and never held across a callback.
     std::shared_mutex st_Locker;
@@ -187,6 +189,6 @@ private:
     std::list<NETCORE_TCPEPOLL_EVENTS*> stl_ListEvents;
     // keyed by a view of the client's own tszClientAddr, which lives as long as the entry
     std::unordered_map<std::string_view, ClientPtr> stl_MapClients;
-    // the same clients by socket, so that the event path never scans
-    std::unordered_map<int, ClientPtr> stl_MapSockets;
+    // the same clients indexed by socket, so that the event path neither scans nor hashes
+    std::vector<ClientPtr> stl_ListSockets;
 };

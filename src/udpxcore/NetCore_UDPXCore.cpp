@@ -180,11 +180,12 @@ void* CNetCore_UDPXCore::NetCore_UDPXCore_ThreadAccept(void* lParam) {
 }
 
 void CNetCore_UDPXCore::Deliver(const char* lpszClientAddr, const char* lpszMsgBuffer, int nMsgLen) {
-    nRecvPackets.fetch_add(1, std::memory_order_relaxed);
-    nRecvBytes.fetch_add(static_cast<unsigned long long>(nMsgLen), std::memory_order_relaxed);
+    st_Flow.Add(kRecvPackets, 1);
+    st_Flow.Add(kRecvBytes, static_cast<unsigned long long>(nMsgLen));
     unsigned long long nNow = TickNow();
-    nTimeRecv.store(nNow, std::memory_order_relaxed);
-    CloseInterval(nTimeRecvFlow, nNow, nFlowRecvBytes, nRecvBytes, nFlowRecvPackets, nRecvPackets);
+    // written only when the millisecond changed: the threads share the line it sits on
+    if (nTimeRecv.load(std::memory_order_relaxed) != nNow) nTimeRecv.store(nNow, std::memory_order_relaxed);
+    CloseInterval(nTimeRecvFlow, nNow, nFlowRecvBytes, kRecvBytes, nFlowRecvPackets, kRecvPackets);
 
     CALLBACK_NETCORE_UDPXCORE_RECV fpCall = fpCall_Recv.load(std::memory_order_acquire);
     // Without a callback the datagram is counted and dropped: there is no one to hand it to.
@@ -276,6 +277,10 @@ bool CNetCore_UDPXCore::NetCore_UDPXCore_Recv(int hRecvSocket, NETCORE_UDPEPOLL_
             Deliver(tszClientAddr, tszMsgBuffer[i], nLen);
             if (pbRun != nullptr && !pbRun->load(std::memory_order_acquire)) return true;
         }
+        // Fewer datagrams than asked for: the call itself read until the non-blocking socket
+        // would block, so the socket is drained and one more call would only fetch the EAGAIN.
+        // A datagram arriving after that raises a new edge.
+        if (nCount < kRecvBatch) return true;
     }
     // EAGAIN: drained. ENOTSOCK: the descriptor that woke us was the wake-up pipe.
     if (errno == EAGAIN || errno == EWOULDBLOCK || errno == ENOTSOCK) return true;
@@ -288,16 +293,14 @@ bool CNetCore_UDPXCore::NetCore_UDPXCore_Recv(int hRecvSocket, NETCORE_UDPEPOLL_
 }
 
 void CNetCore_UDPXCore::CloseInterval(std::atomic<unsigned long long>& nTimeFlowStart, unsigned long long nTimeNow,
-                                      std::atomic<unsigned long long>& nFlowBytes,
-                                      const std::atomic<unsigned long long>& nBytes,
-                                      std::atomic<unsigned long long>& nFlowPackets,
-                                      const std::atomic<unsigned long long>& nPackets) {
+                                      std::atomic<unsigned long long>& nFlowBytes, int nBytes,
+                                      std::atomic<unsigned long long>& nFlowPackets, int nPackets) {
     // the interval length is compared as unsigned, as the tick difference is
     unsigned long long nLimit = static_cast<unsigned long long>(nTimeFlow.load(std::memory_order_relaxed)) * 1000ULL;
     if (nTimeNow - nTimeFlowStart.load(std::memory_order_relaxed) > nLimit) {
         nTimeFlowStart.store(nTimeNow, std::memory_order_relaxed);
-        nFlowPackets.store(nPackets.load(std::memory_order_relaxed), std::memory_order_relaxed);
-        nFlowBytes.store(nBytes.load(std::memory_order_relaxed), std::memory_order_relaxed);
+        nFlowPackets.store(st_Flow.Get(nPackets), std::memory_order_relaxed);
+        nFlowBytes.store(st_Flow.Get(nBytes), std::memory_order_relaxed);
     }
 }
 
@@ -322,11 +325,11 @@ bool CNetCore_UDPXCore::NetCore_UDPXCore_SendMsg(const char* lpszClientAddr, con
                                        kSendTimeOut, nIPVer)) {
         return false;
     }
-    nSendPackets.fetch_add(1, std::memory_order_relaxed);
-    nSendBytes.fetch_add(static_cast<unsigned long long>(nMsgLen), std::memory_order_relaxed);
+    st_Flow.Add(kSendPackets, 1);
+    st_Flow.Add(kSendBytes, static_cast<unsigned long long>(nMsgLen));
     unsigned long long nNow = TickNow();
-    nTimeSend.store(nNow, std::memory_order_relaxed);
-    CloseInterval(nTimeSendFlow, nNow, nFlowSendBytes, nSendBytes, nFlowSendPackets, nSendPackets);
+    if (nTimeSend.load(std::memory_order_relaxed) != nNow) nTimeSend.store(nNow, std::memory_order_relaxed);
+    CloseInterval(nTimeSendFlow, nNow, nFlowSendBytes, kSendBytes, nFlowSendPackets, kSendPackets);
     return true;
 }
 
@@ -342,10 +345,10 @@ bool CNetCore_UDPXCore::NetCore_UDPXCore_GetFlow(unsigned long long* pInt_SendBy
                                                  unsigned long long* pInt_RecvPackets) {
     ClearError();
     if (pInt_SendBytes == nullptr || pInt_RecvBytes == nullptr) return Fail(ERROR_NETCORE_UDPXCORE_GETFLOW_PARAMENT);
-    *pInt_SendBytes = nSendBytes.load(std::memory_order_relaxed);
-    *pInt_RecvBytes = nRecvBytes.load(std::memory_order_relaxed);
-    if (pInt_SendPackets != nullptr) *pInt_SendPackets = nSendPackets.load(std::memory_order_relaxed);
-    if (pInt_RecvPackets != nullptr) *pInt_RecvPackets = nRecvPackets.load(std::memory_order_relaxed);
+    *pInt_SendBytes = st_Flow.Get(kSendBytes);
+    *pInt_RecvBytes = st_Flow.Get(kRecvBytes);
+    if (pInt_SendPackets != nullptr) *pInt_SendPackets = st_Flow.Get(kSendPackets);
+    if (pInt_RecvPackets != nullptr) *pInt_RecvPackets = st_Flow.Get(kRecvPackets);
     return true;
 }
 
@@ -358,10 +361,10 @@ bool CNetCore_UDPXCore::NetCore_UDPXCore_GetAverageFlow(unsigned long long* pInt
         pInt_RecvPackets == nullptr) {
         return Fail(ERROR_NETCORE_UDPXCORE_AVERAGE_PARAMENT);
     }
-    const unsigned long long nSB = nSendBytes.load(std::memory_order_relaxed);
-    const unsigned long long nRB = nRecvBytes.load(std::memory_order_relaxed);
-    const unsigned long long nSP = nSendPackets.load(std::memory_order_relaxed);
-    const unsigned long long nRP = nRecvPackets.load(std::memory_order_relaxed);
+    const unsigned long long nSB = st_Flow.Get(kSendBytes);
+    const unsigned long long nRB = st_Flow.Get(kRecvBytes);
+    const unsigned long long nSP = st_Flow.Get(kSendPackets);
+    const unsigned long long nRP = st_Flow.Get(kRecvPackets);
     if (bWhole) {
         // milliseconds times 1000, as callers have always divided by it
         unsigned long long nElapse = (TickNow() - nTimeStart.load(std::memory_order_relaxed)) * 1000ULL;
@@ -397,10 +400,12 @@ bool CNetCore_UDPXCore::NetCore_UDPXCore_Destroy(bool bClearFlow) {
     ReleaseRun();
     if (bClearFlow) {
         for (std::atomic<unsigned long long>* pInt_Value :
-             {&nSendBytes, &nRecvBytes, &nSendPackets, &nRecvPackets, &nTimeSendFlow, &nTimeRecvFlow, &nFlowSendBytes,
-              &nFlowRecvBytes, &nFlowSendPackets, &nFlowRecvPackets, &nTimeStart, &nTimeRecv, &nTimeSend}) {
+             {&nTimeSendFlow, &nTimeRecvFlow, &nFlowSendBytes, &nFlowRecvBytes, &nFlowSendPackets, &nFlowRecvPackets,
+              &nTimeStart, &nTimeRecv, &nTimeSend}) {
             pInt_Value->store(0, std::memory_order_relaxed);
         }
+        for (int i = 0; i < kFlowCount; i++)
+            st_Flow.Reset(i);
         nTimeFlow.store(0, std::memory_order_relaxed);
     }
     return true;

@@ -13,6 +13,7 @@
 #include <string>
 #include <utility>
 
+#include "../frame/FlowCounters.h"
 #include "../socket/NetCore_Socket.h"
 #include "Ombrelt_NetCore.h"
 
@@ -71,8 +72,8 @@ private:
     // Hands out the held datagrams; false when an empty one (or a stop) ends the drain.
     bool DeliverHeld(const std::atomic<bool>* pbRun);
     void CloseInterval(std::atomic<unsigned long long>& nTimeFlowStart, unsigned long long nTimeNow,
-                       std::atomic<unsigned long long>& nFlowBytes, const std::atomic<unsigned long long>& nBytes,
-                       std::atomic<unsigned long long>& nFlowPackets, const std::atomic<unsigned long long>& nPackets);
+                       std::atomic<unsigned long long>& nFlowBytes, int nBytes,
+                       std::atomic<unsigned long long>& nFlowPackets, int nPackets);
 
     void* xhPool = nullptr;
     // Read by receive threads and senders while Start and Destroy replace it.
@@ -83,11 +84,10 @@ private:
     int nThreadCount = 0;
 
     // Totals, interval starts and snapshots are bumped by every receive thread and every sender
-    // at once, so each is a relaxed atomic; readers see each value on its own, not a snapshot.
-    std::atomic<unsigned long long> nSendBytes{0};
-    std::atomic<unsigned long long> nRecvBytes{0};
-    std::atomic<unsigned long long> nSendPackets{0};
-    std::atomic<unsigned long long> nRecvPackets{0};
+    // at once, so each is a relaxed atomic (the totals one slot per thread); readers see each
+    // value on its own, not a snapshot.
+    enum { kSendBytes, kRecvBytes, kSendPackets, kRecvPackets, kFlowCount };
+    netcore::FlowCounters<kFlowCount> st_Flow;
     std::atomic<unsigned long long> nTimeSendFlow{0};
     std::atomic<unsigned long long> nTimeRecvFlow{0};
     std::atomic<unsigned long long> nFlowSendBytes{0};

@@ -102,12 +102,14 @@ TEST_F(TCPXCoreTest, ManyClientsEchoConcurrentlyOnSeveralThreads) {
         server.Connect(&client);
     std::vector<std::thread> threads;
     std::atomic<int> nGood{0};
+    std::atomic<unsigned long long> nBytes{0};
     for (int i = 0; i < kClients; i++) {
         threads.emplace_back([&, i] {
             bool bOk = true;
             for (int j = 0; j < 20 && bOk; j++) {
                 std::string strMsg = "client " + std::to_string(i) + " message " + std::to_string(j) + ";";
                 bOk = SendAll(clients[i].Get(), strMsg) && ReadExactly(clients[i].Get(), strMsg.size()) == strMsg;
+                nBytes += strMsg.size();
             }
             if (bOk) nGood++;
         });
@@ -115,6 +117,14 @@ TEST_F(TCPXCoreTest, ManyClientsEchoConcurrentlyOnSeveralThreads) {
     for (auto& thread : threads)
         thread.join();
     EXPECT_EQ(kClients, nGood.load());
+    // the server's totals count every event thread's and every sender's share
+    unsigned long long nSendBytes = 0, nRecvBytes = 0, nSendPackets = 0, nRecvPackets = 0;
+    ASSERT_TRUE(
+        NetCore_TCPXCore_GetFlowEx(server.Handle(), &nSendBytes, &nRecvBytes, &nSendPackets, &nRecvPackets, nullptr));
+    EXPECT_EQ(nBytes.load(), nSendBytes);
+    EXPECT_EQ(nBytes.load(), nRecvBytes);
+    EXPECT_EQ(nRecvPackets, nSendPackets);
+    EXPECT_GE(nRecvPackets, static_cast<unsigned long long>(kClients));
 }
 
 // ----- admission ---------------------------------------------------------------------------------
@@ -271,8 +281,13 @@ TEST_F(TCPXCoreTest, CloseForClientClosesWithoutLeaveAndForgetsTheClient) {
 TEST_F(TCPXCoreTest, CallbacksMayCloseTheirClientOrDestroyTheirServer) {
     {
         Server server;
+        std::atomic<bool> bSentAfterClose{true};
+        std::atomic<unsigned long long> nSendCode{0};
         server.Events().fnOnRecv = [&](const char* lpszAddr, int, const char*, int) {
             NetCore_TCPXCore_CloseForClientEx(server.Handle(), lpszAddr);
+            // an answer to the closed client, with the very text the callback was handed
+            bSentAfterClose = NetCore_TCPXCore_SendEx(server.Handle(), lpszAddr, "x", 1, 1, -1);
+            nSendCode = NetCore_GetLastError(nullptr);
         };
         Fd client;
         server.Connect(&client);
@@ -280,6 +295,10 @@ TEST_F(TCPXCoreTest, CallbacksMayCloseTheirClientOrDestroyTheirServer) {
         EXPECT_TRUE(PeerClosed(client.Get()));
         EXPECT_EQ(1u, server.Events().RecvCount());
         EXPECT_EQ(0u, server.Events().LeaveCount());
+        // the callback goes on after the close the client sees
+        ASSERT_TRUE(WaitFor([&] { return nSendCode.load() != 0; }));
+        EXPECT_FALSE(bSentAfterClose.load());
+        EXPECT_EQ(ERROR_NETCORE_TCPXCORE_NOTFOUND, nSendCode.load());
     }
     Server server;
     std::atomic<bool> bDestroyed{false};
