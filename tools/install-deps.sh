@@ -2,6 +2,7 @@
 # Installs what building and testing needs on a fresh Debian machine.
 #   tools/install-deps.sh           compiler, CMake, Ninja, GoogleTest and test peers
 #   tools/install-deps.sh --cross   also the aarch64 cross compiler and qemu-user
+#   tools/install-deps.sh --clang   also clang 19 and libc++ (the compiler and C++ library of the Android NDK)
 #   tools/install-deps.sh --bench   also Google Benchmark, libuv and ENet (references of the echo and UDX benchmarks)
 #   tools/install-deps.sh --fuzz    also clang and its libFuzzer runtime
 set -euo pipefail
@@ -10,6 +11,7 @@ packages=(cmake ninja-build g++ googletest libgtest-dev pkg-config iproute2 soca
 for arg in "$@"; do
   case "$arg" in
     --cross) packages+=(g++-aarch64-linux-gnu libc6-dev-arm64-cross qemu-user) ;;
+    --clang) packages+=(clang-19 libc++-19-dev libc++abi-19-dev) ;;
     --bench) packages+=(libbenchmark-dev libuv1-dev libenet-dev) ;;
     --fuzz) packages+=(clang libclang-rt-dev) ;;
     *) echo "unknown option: $arg" >&2; exit 2 ;;
