@@ -5,6 +5,7 @@
 #   tools/install-deps.sh --clang   also clang 19 and libc++ (the compiler and C++ library of the Android NDK)
 #   tools/install-deps.sh --bench   also Google Benchmark, libuv and ENet (references of the echo and UDX benchmarks)
 #   tools/install-deps.sh --fuzz    also clang and its libFuzzer runtime
+#   tools/install-deps.sh --package also python3 (the check of the Android package reads its metadata)
 set -euo pipefail
 
 packages=(cmake ninja-build g++ googletest libgtest-dev pkg-config iproute2 socat)
@@ -14,6 +15,7 @@ for arg in "$@"; do
     --clang) packages+=(clang-19 libc++-19-dev libc++abi-19-dev) ;;
     --bench) packages+=(libbenchmark-dev libuv1-dev libenet-dev) ;;
     --fuzz) packages+=(clang libclang-rt-dev) ;;
+    --package) packages+=(python3) ;;
     *) echo "unknown option: $arg" >&2; exit 2 ;;
   esac
 done
