@@ -9,7 +9,6 @@
 # (arm64-v8a, API 30, NDK 28, c++_shared): the package is then only good for checking its layout.
 # Writes <output dir>/OmbreltNetCore-<version>.aar (output dir: the build dir).
 set -euo pipefail
-cd "$(dirname "$0")/.."
 
 layoutOnly=0
 if [ "${1:-}" = --layout-only ]; then
@@ -19,6 +18,7 @@ fi
 [ $# -ge 1 ] || { echo "usage: $0 [--layout-only] <android build dir> [output dir]" >&2; exit 2; }
 build="$(cd "$1" && pwd)"
 out="$(mkdir -p "${2:-$1}" && cd "${2:-$1}" && pwd)"
+cd "$(dirname "$0")/.."
 
 cached() {  # the value of a CMake cache entry of the build, empty when it is not set
   sed -n "s/^$1:[A-Z]*=//p" "$build/CMakeCache.txt" | head -n 1
