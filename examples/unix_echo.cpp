@@ -103,7 +103,8 @@ int main(int argc, char** argv) {
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
     } else {
         printf("press Enter to stop\n");
-        getchar();
+        for (int nChar = getchar(); nChar != '\n' && nChar != EOF; nChar = getchar()) {
+        }
     }
     NetCore_UnixDomain_Stop();  // also unlinks the socket path
     printf("server: stopped\n");

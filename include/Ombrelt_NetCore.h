@@ -11,6 +11,12 @@
  * concurrent callers see the last writer's values.
  *
  * Callbacks run on the library's own threads, never on the caller's.
+ *
+ * Android: the library needs API level 30 at load time (libc++'s timed waits import
+ * pthread_cond_clockwait). Readiness waits of 1000 ms or more fail at once there, because bionic's
+ * select refuses a microseconds field of a second or more (NetCore_Socket_IOSelect): keep every
+ * wait given to the operations below under 1000 ms. Lines the library prints go to standard
+ * output, which an app does not see.
  */
 #ifndef OMBRELT_NETCORE_H
 #define OMBRELT_NETCORE_H
@@ -81,7 +87,8 @@ NETCORE_API unsigned long long NetCore_GetLastError(int* pInt_SysError);
 NETCORE_API bool NetCore_Socket_Create(int* phSocket, bool bTcp, int nIPVer, bool bReserved);
 /* Binds to the wildcard address; listens with a backlog of 128 if bListen. An IPv4 bind failure
  * prints "NetCore_Socket_Bind:<errno>" to standard output; an IPv6 one prints nothing. A listen
- * failure writes ERROR_NETCORE_SOCKET_BIND_LISTEN but leaves NetCore_IsErrorOccur false. */
+ * failure writes ERROR_NETCORE_SOCKET_BIND_LISTEN but leaves NetCore_IsErrorOccur false.
+ * An Android app does not see standard output: read errno with NetCore_GetLastError instead. */
 NETCORE_API bool NetCore_Socket_Bind(int hSocket, int nPort, bool bListen, int nIPVer);
 /* Sends the whole message: to the connected peer when lpszAddr is null, else with sendto to
  * lpszAddr:nPort. Retries every 10 ms while the socket would block, failing with
@@ -110,8 +117,8 @@ NETCORE_API bool NetCore_Socket_SetBufferSize(int hSocket, int nSendBuf, int nRe
 /* Waits until hSocket is readable (bRead) or writable, for nTimeOut milliseconds. The whole
  * time-out goes into the microseconds field of select's timeval: from 1000 ms up, glibc
  * normalises it and waits that long, while Android's C library refuses it
- * (ERROR_NETCORE_SOCKET_SELECT_FAILED, errno EINVAL); a negative time-out fails the same way.
- * Descriptors at or above FD_SETSIZE are supported. */
+ * (ERROR_NETCORE_SOCKET_SELECT_FAILED, errno EINVAL) at once, without waiting; a negative
+ * time-out fails the same way everywhere. Descriptors at or above FD_SETSIZE are supported. */
 NETCORE_API bool NetCore_Socket_IOSelect(int hSocket, bool bRead, int nTimeOut);
 
 /* ------------------------------------------------------------------------------------------------
@@ -396,7 +403,9 @@ NETCORE_API bool NetCore_PIPNamed_Close(const char* lpszPipeName);
 #define ERROR_NETCORE_PIPE_MMAP_FREEPTR_PARAMENT 0x0020A150
 
 /* Maps nSize bytes (shared, anonymous) under lpszName; lpszFile, if not null, is opened (created
- * with mode 0777 before the umask) and held until Close. An existing name keeps its region. */
+ * with mode 0777 before the umask) and held until Close. An existing name keeps its region.
+ * The region is mapped executable where the system allows it, and without execution where a
+ * policy refuses executable memory (an Android app's SELinux domain may). */
 NETCORE_API bool NetCore_PIPMMap_Create(const char* lpszName, const char* lpszFile, int nSize);
 /* Copies nLen bytes to the region at offset nPos. This call sets NetCore_IsErrorOccur on entry
  * and leaves it set even when it succeeds: judge it by its result. */
@@ -495,7 +504,9 @@ NETCORE_API bool NetCore_TCPXPoll_GetList(char*** pppszList, int* pInt_ListCount
 
 /* One accept thread, one close thread, one thread per client waiting with select() for nTimeOut
  * milliseconds. Without callbacks, events queue up for NetCore_TCPSelect_ReadIOEvent with the
- * types 0x01 (client arrived), 0x100 (data received) and 0x10 (client left). */
+ * types 0x01 (client arrived), 0x100 (data received) and 0x10 (client left).
+ * Android: with nTimeOut 1000 or more every wait fails at once, so Start succeeds but the accept
+ * thread never admits a client; give less than 1000. */
 NETCORE_API bool NetCore_TCPSelect_Start(int nPort, int nTimeOut, bool bKeepAlive, int nIPVer);
 /* Stores all six values as given, nulls included; always true. */
 NETCORE_API bool NetCore_TCPSelect_RegisterCallBack(CALLBACK_NETCORE_TCPSERVER_LOGIN fpCall_Login,
@@ -661,7 +672,8 @@ NETCORE_API bool NetCore_TCPXCore_RegisterCallBackEx(void* xhNet, CALLBACK_NETCO
  * for the socket to be writable (NetCore_Socket_IOSelect; a negative value skips the wait);
  * then the send retries every 10 ms while the socket would block, for up to nTimeOut seconds
  * (NetCore_Socket_Send's codes). Sends to one client are serialised; a client disabled with
- * SetStatusEx gives ERROR_NETCORE_TCPXCORE_SEND_STATUS. */
+ * SetStatusEx gives ERROR_NETCORE_TCPXCORE_SEND_STATUS.
+ * Android: an nIOSelect of 1000 or more fails at once with ERROR_NETCORE_SOCKET_SELECT_FAILED. */
 NETCORE_API bool NetCore_TCPXCore_SendEx(void* xhNet, const char* lpszClientAddr, const char* lpszMsgBuffer,
                                          int nMsgLen, int nTimeOut, int nIOSelect);
 /* Registers (non-null) or removes (null) the client's writable callback. Unlike every other
@@ -724,6 +736,8 @@ NETCORE_API bool NetCore_TCPXCore_PasueRecvEx(void* xhNet, const char* lpszClien
  * opened without one is read by NetCore_SerialPort_RecvData. The read thread runs the same read
  * operation as RecvData and so also writes the error globals (a time-out every 100 ms while the
  * line is idle).
+ * Android: SELinux lets only privileged (system or vendor) builds open serial devices; an app's
+ * OpenDev fails as for a path that cannot be opened.
  * --------------------------------------------------------------------------------------------- */
 
 #define ERROR_NETCORE_SERIALPORT_OPEN_MALLOC 0x020A3001
@@ -861,7 +875,8 @@ NETCORE_API bool NetCore_BroadCast_Send(int hSocket, const char* lpszMsgBuffer, 
  * most *pInt_Len bytes, stores the length in *pInt_Len and, when ptszAddr is not null, the sender
  * as "address:port" (room for 128 characters).
  * NetCore_IsErrorOccur reads true after this call even when it succeeded; on success
- * NetCore_dwErrorCode keeps its previous value, so judge by the result. */
+ * NetCore_dwErrorCode keeps its previous value, so judge by the result.
+ * Android: an nTimeout of 1000 or more fails at once with ERROR_NETCORE_SOCKET_SELECT_FAILED. */
 NETCORE_API bool NetCore_BroadCast_Recv(int hSocket, char* ptszMsgBuffer, int* pInt_Len, char* ptszAddr, int nTimeout);
 /* Closes the endpoint; waits for Sends and Recvs running on any endpoint. Always true. */
 NETCORE_API bool NetCore_BroadCast_Close(int hSocket);
@@ -886,13 +901,16 @@ NETCORE_API bool NetCore_BroadCast_Close(int hSocket);
 #define ERROR_NETCORE_GROUPCAST_RECV_FAILED 0x020A6010
 
 /* nTTL 0 or less keeps the system's multicast time-to-live; bLoop delivers the host's own sends
- * to its members (this endpoint included). Address texts longer than 127 characters are cut. */
+ * to its members (this endpoint included). Address texts longer than 127 characters are cut.
+ * Android: on Wi-Fi the device drops multicast datagrams unless the app holds a multicast lock
+ * (WifiManager.MulticastLock, permission CHANGE_WIFI_MULTICAST_STATE) while it receives. */
 NETCORE_API bool NetCore_GroupCast_Create(int* phSocket, int nPort, const char* lpszGroupAddr,
                                           const char* lpszLocalAddr, int nTTL, bool bLoop, int nIPVer);
 /* Waits up to 100 ms until the socket can send, then sends to the group (0 bytes included). */
 NETCORE_API bool NetCore_GroupCast_Send(int hSocket, const char* lpszMsgBuffer, int nMsgLen);
 /* Like NetCore_BroadCast_Recv, with the usual flag convention. ptszAddr (room for 128
- * characters), when not null, is written even when the receive fails. */
+ * characters), when not null, is written even when the receive fails.
+ * Android: an nTimeout of 1000 or more fails at once with ERROR_NETCORE_SOCKET_SELECT_FAILED. */
 NETCORE_API bool NetCore_GroupCast_Recv(int hSocket, char* ptszMsgBuffer, int* pInt_Len, char* ptszAddr, int nTimeout);
 /* Leaves the group and closes the endpoint; waits for running Sends and Recvs. Always true. */
 NETCORE_API bool NetCore_GroupCast_Close(int hSocket);

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Builds and runs every test suite.
-#   tools/test.sh [native|asan|tsan|arm64] [ctest arguments...]
+#   tools/test.sh [native|clang|asan|tsan|arm64] [ctest arguments...]
 #     native  the plain build (default)
+#     clang   clang 19 with libc++, as the Android NDK builds
 #     asan    AddressSanitizer + UndefinedBehaviorSanitizer
 #     tsan    ThreadSanitizer
 #     arm64   cross-compiled for aarch64, run under qemu-user
@@ -15,6 +16,7 @@ options=(-G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DNETCORE_WERROR=ON)
 deps=()
 case "$kind" in
   native) ;;
+  clang) options+=(-DCMAKE_TOOLCHAIN_FILE=cmake/toolchains/clang-libcxx.cmake); deps+=(--clang) ;;
   asan) options+=(-DNETCORE_SANITIZE_ADDRESS=ON) ;;
   tsan) options+=(-DNETCORE_SANITIZE_THREAD=ON) ;;
   arm64) options+=(-DCMAKE_TOOLCHAIN_FILE=cmake/toolchains/aarch64-linux-gnu.cmake); deps+=(--cross) ;;

@@ -1,5 +1,6 @@
 #include "NetCore_PIPMMap.h"
 
+#include <cerrno>
 #include <cstdint>
 #include <cstring>
 #include <fcntl.h>
@@ -73,6 +74,12 @@ bool CNetCore_PIPMMap::NetCore_PIPMMap_Create(const char* lpszName, const char* 
     // is only created and held open. Callers have always used the region as plain shared memory.
     st_MMap.lPBase =
         mmap(nullptr, st_MMap.nSize, PROT_READ | PROT_WRITE | PROT_EXEC, MAP_SHARED | MAP_ANONYMOUS, st_MMap.hFile, 0);
+    // A policy that forbids executable memory (an Android app's SELinux domain may) refuses the
+    // whole mapping; the region still serves as shared memory, so it is mapped again without it.
+    if (st_MMap.lPBase == MAP_FAILED && (errno == EACCES || errno == EPERM)) {
+        st_MMap.lPBase =
+            mmap(nullptr, st_MMap.nSize, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, st_MMap.hFile, 0);
+    }
     // Only a null mapping is refused. A failed mapping (MAP_FAILED) is kept as a region of no
     // bytes: Create succeeds, GetPointer hands out MAP_FAILED, and Write and Read copy nothing.
     if (st_MMap.lPBase == nullptr) {

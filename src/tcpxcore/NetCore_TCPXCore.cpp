@@ -23,7 +23,6 @@ using netcore::Fail;
 
 namespace {
 
-constexpr int kListenBacklog = 128;
 constexpr uint32_t kEventsRecv = EPOLLIN | EPOLLET;
 constexpr uint32_t kEventsRecvSend = EPOLLIN | EPOLLOUT | EPOLLET;
 // A client that keeps its socket full would otherwise hold its event thread forever: after this

@@ -104,7 +104,7 @@ TEST_F(BroadCastTest, RecvTimeOutsAndTheFlagItLeavesSet) {
     ASSERT_TRUE(dgtest::SendTo(peer.Get(), "ping", "127.0.0.1", port));
     EXPECT_FALSE(NetCore_BroadCast_Send(endpoint.socket, "", 0));  // leaves a known code behind
     ExpectFailure(ERROR_NETCORE_BROADCAST_PARAMENT);
-    Received got = Recv(endpoint.socket, 1000);
+    Received got = Recv(endpoint.socket, nctest::kLongestWaitMs);
     ASSERT_TRUE(got.ok);
     EXPECT_EQ("ping", got.data);
     EXPECT_EQ("127.0.0.1:" + std::to_string(peerPort), got.addr);
@@ -178,7 +178,7 @@ TEST_F(BroadCastNsTest, EndpointsSharingAPortAllHearABroadcast) {
     EXPECT_FALSE(ErrorFlag());
     const std::string from = std::string(dgtest::kNsLocalAddr) + ":" + std::to_string(port);
     for (int socket : {listener.socket, sender.socket}) {
-        Received got = Recv(socket, 2000);
+        Received got = Recv(socket, nctest::kLongestWaitMs);
         ASSERT_TRUE(got.ok);
         EXPECT_EQ("hello all", got.data);
         EXPECT_EQ(from, got.addr);

@@ -5,8 +5,10 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <optional>
 #include <string>
 
+#include "ExecMemoryPolicy.h"
 #include "LocalTestSupport.h"
 
 namespace {
@@ -138,17 +140,25 @@ TEST_F(SharedMemoryTest, RegionNamedWithAFileCreatesTheFileButNeverWritesIt) {
     EXPECT_EQ(nullptr, NetCore_PIPMMap_GetPointer("nofile"));
 }
 
+// Also where executable memory is refused: the region is then mapped without it and works alike.
 TEST_F(SharedMemoryTest, MappedRegionIsSharedWithAForkedChild) {
-    ASSERT_TRUE(NetCore_PIPMMap_Create("shared", nullptr, 4096));
-    pid_t child = localtest::ForkChild([] {
-        char data[] = "written by the child";
-        return NetCore_PIPMMap_Write("shared", data, sizeof(data), 128) ? 0 : 1;
-    });
-    EXPECT_EQ(0, localtest::WaitChild(child));
-    char buffer[32] = {};
-    EXPECT_TRUE(NetCore_PIPMMap_Read("shared", buffer, sizeof("written by the child"), 128));
-    EXPECT_STREQ("written by the child", buffer);
-    EXPECT_TRUE(NetCore_PIPMMap_Close("shared"));
+    for (bool refuseExec : {false, true}) {
+        SCOPED_TRACE(refuseExec ? "executable memory refused" : "executable memory allowed");
+        std::optional<localtest::RefuseExecutableMappings> policy;
+        if (refuseExec) policy.emplace();
+        ASSERT_TRUE(NetCore_PIPMMap_Create("shared", nullptr, 4096));
+        EXPECT_FALSE(ErrorFlag());
+        EXPECT_EQ(refuseExec ? 1 : 0, policy ? policy->Refused() : 0);
+        pid_t child = localtest::ForkChild([] {
+            char data[] = "written by the child";
+            return NetCore_PIPMMap_Write("shared", data, sizeof(data), 128) ? 0 : 1;
+        });
+        EXPECT_EQ(0, localtest::WaitChild(child));
+        char buffer[32] = {};
+        EXPECT_TRUE(NetCore_PIPMMap_Read("shared", buffer, sizeof("written by the child"), 128));
+        EXPECT_STREQ("written by the child", buffer);
+        EXPECT_TRUE(NetCore_PIPMMap_Close("shared"));
+    }
 }
 
 // ----- System V segments -------------------------------------------------------------------------

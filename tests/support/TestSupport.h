@@ -12,6 +12,10 @@ namespace nctest {
 
 using namespace std::chrono_literals;
 
+// The longest readiness wait every C library takes: bionic's select refuses a microseconds field
+// of a second or more, so a wait that is not itself under test stays below 1000 ms.
+constexpr int kLongestWaitMs = 999;
+
 // Polls pred until it holds or the deadline passes; returns its last value.
 bool WaitFor(const std::function<bool()>& pred, std::chrono::milliseconds timeout = 5s);
 

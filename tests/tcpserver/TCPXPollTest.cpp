@@ -4,7 +4,9 @@
 
 #include <algorithm>
 #include <atomic>
+#include <condition_variable>
 #include <memory>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -30,6 +32,35 @@ int ClientCount() {
     int count = 0;
     return NetCore_TCPXPoll_GetList(nullptr, &count) ? count : 0;
 }
+
+// A leave callback that records through a Recorder and holds the leave of each client named in
+// Hold() until all of them have arrived (or 5 s pass). While a group's thread is held there, it
+// has not yet read what made it take the client for departed, so a message that two groups poll
+// is seen by both before either reads it.
+struct LeaveGate {
+    explicit LeaveGate(Recorder* recorder) : rec(recorder) {}
+    void Hold(std::set<std::string> addrs) {
+        std::lock_guard<std::mutex> guard(lock);
+        held = std::move(addrs);
+        arrived = 0;
+    }
+    static void Leave(const char* addr, int socket, void* ctx) {
+        auto* self = static_cast<LeaveGate*>(ctx);
+        Recorder::Leave(addr, socket, self->rec);
+        std::unique_lock<std::mutex> guard(self->lock);
+        if (self->held.count(addr) == 0) return;
+        self->arrived++;
+        self->allArrived.notify_all();
+        self->allArrived.wait_for(guard, std::chrono::seconds(5),
+                                  [self] { return self->arrived == self->held.size(); });
+    }
+
+    Recorder* rec;
+    std::mutex lock;
+    std::condition_variable allArrived;
+    std::set<std::string> held;  // guarded by lock
+    size_t arrived = 0;          // guarded by lock
+};
 
 class TCPXPollTest : public nctest::NetCoreTest {
 protected:
@@ -63,6 +94,7 @@ protected:
     }
 
     Recorder rec;
+    LeaveGate gate{&rec};  // outlives TearDown, where the server may still call it
     std::vector<Fd> clients;
 };
 
@@ -234,7 +266,11 @@ TEST_F(TCPXPollTest, GroupsHoldSixtyFiveClientsAndANewcomerJoinsEveryGroupWithRo
     EXPECT_EQ(2, ClientCount());
 
     // both groups have room now: the newcomer joins both, and its first message pushes out the
-    // idle client of each
+    // idle client of each. Whichever group reads the message first takes it, so each group's
+    // thread is held in its idle client's leave until the other has polled the message too.
+    gate.Hold({AddrText(clients[64].Get()), AddrText(clients[65].Get())});
+    ASSERT_TRUE(
+        NetCore_TCPXPoll_RegisterCallBack(Recorder::Login, Recorder::Recv, LeaveGate::Leave, &rec, &rec, &gate));
     int newcomer = Connect(AF_INET, port);
     SendText(newcomer, "both");
     ASSERT_TRUE(rec.WaitCount(rec.recvs, 3));
