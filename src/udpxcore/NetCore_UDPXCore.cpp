@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <chrono>
 #include <cstring>
 #include <new>
 #include <thread>
@@ -33,6 +34,8 @@ constexpr int kSendTimeOut = 3;
 // after each callback: a callback may have destroyed the server, and then nothing of the server
 // may be touched again.
 thread_local const std::atomic<bool>* t_pbIsRun = nullptr;
+// The drain turn of that server, or null off its receive threads.
+thread_local std::timed_mutex* t_pRecvTurn = nullptr;
 
 unsigned long long TickNow() {
     return BaseLib_OperatorTime_GetTickCount64();
@@ -106,6 +109,7 @@ bool CNetCore_UDPXCore::NetCore_UDPXCore_Create(int nPort, int nThread,
         stl_ListEvents.emplace_back(pSt_Events);
         pSt_Events->hPipe[0] = pSt_Events->hPipe[1] = -1;
         pSt_Events->pbIsRun = bIsRun;
+        pSt_Events->pRecvTurn = pRecvTurn;
 
         pSt_Events->hEpoll = epoll_create(kEpollSize);
         if (pSt_Events->hEpoll == -1) return Fail(ERROR_NETCORE_UDPXCORE_CREATE_EPOLL);
@@ -144,9 +148,11 @@ void* CNetCore_UDPXCore::NetCore_UDPXCore_ThreadAccept(void* lParam) {
     // Our own reference: the flag outlives the server if a callback destroys it. Once the flag
     // is clear, neither the record nor the server is touched again.
     std::shared_ptr<std::atomic<bool>> pbIsRun = pSt_Events->pbIsRun;
+    std::shared_ptr<std::timed_mutex> pRecvTurn = pSt_Events->pRecvTurn;
     CNetCore_UDPXCore* pClass_UDPXCore = pSt_Events->pClass_UDPXCore;
     const int hEpoll = pSt_Events->hEpoll;
     t_pbIsRun = pbIsRun.get();
+    t_pRecvTurn = pRecvTurn.get();
 
     while (pbIsRun->load(std::memory_order_acquire)) {
         int nCount = epoll_wait(hEpoll, pSt_Events->st_Events, kMaxEvents, -1);
@@ -162,6 +168,7 @@ void* CNetCore_UDPXCore::NetCore_UDPXCore_ThreadAccept(void* lParam) {
         }
     }
     t_pbIsRun = nullptr;
+    t_pRecvTurn = nullptr;
     return nullptr;
 }
 
@@ -170,6 +177,19 @@ bool CNetCore_UDPXCore::NetCore_UDPXCore_Recv(int hRecvSocket, NETCORE_UDPEPOLL_
     (void)pSt_Buffer;
     (void)nBufferLen;
     const std::atomic<bool>* pbRun = t_pbIsRun;
+    // Several threads may be woken for one socket, but only one drains it at a time, so the
+    // callback sees datagrams in the order the socket queued them: a batch taken by one thread
+    // never overtakes an earlier batch still being handed out by another. A peer's packets keep
+    // their order (the reliable transport's ordered queue relies on it). A thread waiting for its
+    // turn gives up once the server stops, so a callback that destroys the server never waits on
+    // the threads it is joining.
+    std::unique_lock<std::timed_mutex> st_Turn;
+    if (t_pRecvTurn != nullptr) {
+        st_Turn = std::unique_lock<std::timed_mutex>(*t_pRecvTurn, std::defer_lock);
+        while (!st_Turn.try_lock_for(std::chrono::milliseconds(10))) {
+            if (pbRun != nullptr && !pbRun->load(std::memory_order_acquire)) return true;
+        }
+    }
     char tszClientAddr[kAddrTextSize] = "";
     const bool bIPv4 = (nIPVer == AF_INET);
     const socklen_t nAddrLen = bIPv4 ? sizeof(struct sockaddr_in) : sizeof(struct sockaddr_in6);

@@ -8,6 +8,7 @@
 #include <atomic>
 #include <list>
 #include <memory>
+#include <mutex>
 
 #include "../socket/NetCore_Socket.h"
 #include "Ombrelt_NetCore.h"
@@ -33,6 +34,8 @@ typedef struct tag_NetCore_UDPEpoll_Events {
     // The run flag of the start that made this record. The thread holds its own reference, so a
     // callback that destroys (and deletes) the server leaves the thread a flag it can still read.
     std::shared_ptr<std::atomic<bool>> pbIsRun;
+    // The server's drain turn, held the same way (see NetCore_UDPXCore_Recv).
+    std::shared_ptr<std::timed_mutex> pRecvTurn;
 } NETCORE_UDPEPOLL_EVENTS;
 
 class NETCORE_API CNetCore_UDPXCore {
@@ -71,6 +74,8 @@ private:
     std::atomic<int> hSocket{-1};
     // Replaced by each start; the receive threads loop while it is set.
     std::shared_ptr<std::atomic<bool>> bIsRun;
+    // One receive thread drains the socket at a time (see NetCore_UDPXCore_Recv).
+    std::shared_ptr<std::timed_mutex> pRecvTurn = std::make_shared<std::timed_mutex>();
     int nIPVer = 2;
     int nThreadCount = 0;
 
