@@ -338,7 +338,8 @@ bool UDXEngine::Recv(const char* lpszClientAddr, char* ptszMsgBuffer, int* pInt_
         }
         if (stl_It != stl_List.end()) {
             pSt_Client->wRecvNext.fetch_add(1, std::memory_order_relaxed);
-            memcpy(ptszMsgBuffer, stl_It->tszMsgBuffer.data(), stl_It->nMsgLen);
+            // an empty payload holds no buffer at all
+            if (stl_It->nMsgLen > 0) memcpy(ptszMsgBuffer, stl_It->tszMsgBuffer.data(), stl_It->nMsgLen);
             *pInt_MsgLen = stl_It->nMsgLen;
             pSt_Client->nWindowSelf.fetch_add(static_cast<unsigned int>(stl_It->nMsgLen + UDX_HEADER_SIZE),
                                               std::memory_order_relaxed);
