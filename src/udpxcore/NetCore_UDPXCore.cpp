@@ -7,7 +7,6 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <chrono>
 #include <cstring>
 #include <new>
 #include <thread>
@@ -35,7 +34,7 @@ constexpr int kSendTimeOut = 3;
 // may be touched again.
 thread_local const std::atomic<bool>* t_pbIsRun = nullptr;
 // The drain turn of that server, or null off its receive threads.
-thread_local std::timed_mutex* t_pRecvTurn = nullptr;
+thread_local tag_NetCore_UDPEpoll_Turn* t_pRecvTurn = nullptr;
 
 unsigned long long TickNow() {
     return BaseLib_OperatorTime_GetTickCount64();
@@ -148,7 +147,7 @@ void* CNetCore_UDPXCore::NetCore_UDPXCore_ThreadAccept(void* lParam) {
     // Our own reference: the flag outlives the server if a callback destroys it. Once the flag
     // is clear, neither the record nor the server is touched again.
     std::shared_ptr<std::atomic<bool>> pbIsRun = pSt_Events->pbIsRun;
-    std::shared_ptr<std::timed_mutex> pRecvTurn = pSt_Events->pRecvTurn;
+    std::shared_ptr<tag_NetCore_UDPEpoll_Turn> pRecvTurn = pSt_Events->pRecvTurn;
     CNetCore_UDPXCore* pClass_UDPXCore = pSt_Events->pClass_UDPXCore;
     const int hEpoll = pSt_Events->hEpoll;
     t_pbIsRun = pbIsRun.get();
@@ -177,19 +176,32 @@ bool CNetCore_UDPXCore::NetCore_UDPXCore_Recv(int hRecvSocket, NETCORE_UDPEPOLL_
     (void)pSt_Buffer;
     (void)nBufferLen;
     const std::atomic<bool>* pbRun = t_pbIsRun;
-    // Several threads may be woken for one socket, but only one drains it at a time, so the
+    tag_NetCore_UDPEpoll_Turn* pSt_Turn = t_pRecvTurn;
+    // Several threads may be woken for the socket, but only one drains it at a time, so the
     // callback sees datagrams in the order the socket queued them: a batch taken by one thread
-    // never overtakes an earlier batch still being handed out by another. A peer's packets keep
-    // their order (the reliable transport's ordered queue relies on it). A thread waiting for its
-    // turn gives up once the server stops, so a callback that destroys the server never waits on
-    // the threads it is joining.
-    std::unique_lock<std::timed_mutex> st_Turn;
-    if (t_pRecvTurn != nullptr) {
-        st_Turn = std::unique_lock<std::timed_mutex>(*t_pRecvTurn, std::defer_lock);
-        while (!st_Turn.try_lock_for(std::chrono::milliseconds(10))) {
-            if (pbRun != nullptr && !pbRun->load(std::memory_order_acquire)) return true;
-        }
+    // never overtakes an earlier batch another is still handing out, and a peer's packets keep
+    // their order (the reliable transport's ordered queue relies on it). A thread that finds the
+    // turn taken leaves a note and goes back to waiting; the drainer looks at the note after it
+    // lets go and drains again, so nothing that woke the other thread is left unread. Nobody
+    // blocks, so a callback that destroys the server never waits on the threads it joins.
+    if (pSt_Turn == nullptr || hRecvSocket != hSocket.load(std::memory_order_relaxed)) {
+        return DrainSocket(hRecvSocket);
     }
+    for (;;) {
+        pSt_Turn->bPending.store(true);
+        std::unique_lock<std::mutex> st_Turn(pSt_Turn->st_Lock, std::try_to_lock);
+        if (!st_Turn.owns_lock()) return true;
+        pSt_Turn->bPending.store(false);
+        bool bRet = DrainSocket(hRecvSocket);
+        // stopped, perhaps by a callback: nothing of the server may be touched again
+        if (pbRun != nullptr && !pbRun->load(std::memory_order_acquire)) return bRet;
+        st_Turn.unlock();
+        if (!bRet || !pSt_Turn->bPending.load()) return bRet;
+    }
+}
+
+bool CNetCore_UDPXCore::DrainSocket(int hRecvSocket) {
+    const std::atomic<bool>* pbRun = t_pbIsRun;
     char tszClientAddr[kAddrTextSize] = "";
     const bool bIPv4 = (nIPVer == AF_INET);
     const socklen_t nAddrLen = bIPv4 ? sizeof(struct sockaddr_in) : sizeof(struct sockaddr_in6);
