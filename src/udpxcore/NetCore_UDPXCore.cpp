@@ -33,6 +33,8 @@ constexpr int kSendTimeOut = 3;
 // after each callback: a callback may have destroyed the server, and then nothing of the server
 // may be touched again.
 thread_local const std::atomic<bool>* t_pbIsRun = nullptr;
+// The drain turn of that server, or null off its receive threads.
+thread_local tag_NetCore_UDPEpoll_Turn* t_pRecvTurn = nullptr;
 
 unsigned long long TickNow() {
     return BaseLib_OperatorTime_GetTickCount64();
@@ -120,6 +122,7 @@ bool CNetCore_UDPXCore::NetCore_UDPXCore_Create(int nPort, int nThread,
         stl_ListEvents.emplace_back(pSt_Events);
         pSt_Events->hPipe[0] = pSt_Events->hPipe[1] = -1;
         pSt_Events->pbIsRun = bIsRun;
+        pSt_Events->pRecvTurn = pRecvTurn;
 
         pSt_Events->hEpoll = epoll_create(kEpollSize);
         if (pSt_Events->hEpoll == -1) return Fail(ERROR_NETCORE_UDPXCORE_CREATE_EPOLL);
@@ -158,9 +161,11 @@ void* CNetCore_UDPXCore::NetCore_UDPXCore_ThreadAccept(void* lParam) {
     // Our own reference: the flag outlives the server if a callback destroys it. Once the flag
     // is clear, neither the record nor the server is touched again.
     std::shared_ptr<std::atomic<bool>> pbIsRun = pSt_Events->pbIsRun;
+    std::shared_ptr<tag_NetCore_UDPEpoll_Turn> pRecvTurn = pSt_Events->pRecvTurn;
     CNetCore_UDPXCore* pClass_UDPXCore = pSt_Events->pClass_UDPXCore;
     const int hEpoll = pSt_Events->hEpoll;
     t_pbIsRun = pbIsRun.get();
+    t_pRecvTurn = pRecvTurn.get();
 
     while (pbIsRun->load(std::memory_order_acquire)) {
         int nCount = epoll_wait(hEpoll, pSt_Events->st_Events, kMaxEvents, -1);
@@ -176,6 +181,7 @@ void* CNetCore_UDPXCore::NetCore_UDPXCore_ThreadAccept(void* lParam) {
         }
     }
     t_pbIsRun = nullptr;
+    t_pRecvTurn = nullptr;
     return nullptr;
 }
 
@@ -227,6 +233,32 @@ bool CNetCore_UDPXCore::NetCore_UDPXCore_Recv(int hRecvSocket, NETCORE_UDPEPOLL_
                                               unsigned long nBufferLen) {
     (void)pSt_Buffer;
     (void)nBufferLen;
+    const std::atomic<bool>* pbRun = t_pbIsRun;
+    tag_NetCore_UDPEpoll_Turn* pSt_Turn = t_pRecvTurn;
+    // Several threads may be woken for the socket, but only one drains it at a time, so the
+    // callback sees datagrams in the order the socket queued them: a batch taken by one thread
+    // never overtakes an earlier batch another is still handing out, and a peer's packets keep
+    // their order (the reliable transport's ordered queue relies on it). A thread that finds the
+    // turn taken leaves a note and goes back to waiting; the drainer looks at the note after it
+    // lets go and drains again, so nothing that woke the other thread is left unread. Nobody
+    // blocks, so a callback that destroys the server never waits on the threads it joins.
+    if (pSt_Turn == nullptr || hRecvSocket != hSocket.load(std::memory_order_relaxed)) {
+        return DrainSocket(hRecvSocket);
+    }
+    for (;;) {
+        pSt_Turn->bPending.store(true);
+        std::unique_lock<std::mutex> st_Turn(pSt_Turn->st_Lock, std::try_to_lock);
+        if (!st_Turn.owns_lock()) return true;
+        pSt_Turn->bPending.store(false);
+        bool bRet = DrainSocket(hRecvSocket);
+        // stopped, perhaps by a callback: nothing of the server may be touched again
+        if (pbRun != nullptr && !pbRun->load(std::memory_order_acquire)) return bRet;
+        st_Turn.unlock();
+        if (!bRet || !pSt_Turn->bPending.load()) return bRet;
+    }
+}
+
+bool CNetCore_UDPXCore::DrainSocket(int hRecvSocket) {
     const std::atomic<bool>* pbRun = t_pbIsRun;
     char tszClientAddr[kAddrTextSize] = "";
     const bool bIPv4 = (nIPVer == AF_INET);

@@ -28,6 +28,12 @@ typedef struct tag_NetCore_UDPEpoll_Buffer {
     int nMsgLen;
 } NETCORE_UDPEPOLL_BUFFER;
 
+// Whose turn it is to drain the socket, and whether a thread found it taken since.
+struct tag_NetCore_UDPEpoll_Turn {
+    std::mutex st_Lock;
+    std::atomic<bool> bPending{false};
+};
+
 // One receive thread's set-up, owned by the server's list.
 typedef struct tag_NetCore_UDPEpoll_Events {
     int hPipe[2];  // wake-up pipe: read end, write end
@@ -38,6 +44,8 @@ typedef struct tag_NetCore_UDPEpoll_Events {
     // The run flag of the start that made this record. The thread holds its own reference, so a
     // callback that destroys (and deletes) the server leaves the thread a flag it can still read.
     std::shared_ptr<std::atomic<bool>> pbIsRun;
+    // The server's drain turn, held the same way (see NetCore_UDPXCore_Recv).
+    std::shared_ptr<tag_NetCore_UDPEpoll_Turn> pRecvTurn;
 } NETCORE_UDPEPOLL_EVENTS;
 
 class NETCORE_API CNetCore_UDPXCore {
@@ -64,6 +72,7 @@ protected:
     bool NetCore_UDPXCore_Create(int nPort, int nThread, std::list<tag_ThreadPool_Parament>* pStl_ListParam);
     bool NetCore_UDPXCore_Recv(int hSocket, NETCORE_UDPEPOLL_BUFFER* pSt_Buffer, unsigned long nBufferLen);
     static void* NetCore_UDPXCore_ThreadAccept(void* lParam);
+    bool DrainSocket(int hRecvSocket);
 
 private:
     void ReleaseRun();
@@ -80,6 +89,8 @@ private:
     std::atomic<int> hSocket{-1};
     // Replaced by each start; the receive threads loop while it is set.
     std::shared_ptr<std::atomic<bool>> bIsRun;
+    // One receive thread drains the socket at a time (see NetCore_UDPXCore_Recv).
+    std::shared_ptr<tag_NetCore_UDPEpoll_Turn> pRecvTurn = std::make_shared<tag_NetCore_UDPEpoll_Turn>();
     int nIPVer = 2;
     int nThreadCount = 0;
 

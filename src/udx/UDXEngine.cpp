@@ -17,6 +17,17 @@ constexpr unsigned long long UDX_MTAP_AGE_MS = 20;       // merging delay
 constexpr long long UDX_ACK_SECONDS = 2;
 constexpr long long UDX_WINDOW_SECONDS = 3;
 
+// A 30-byte control packet kept in a session list (a resend request, or RESEND_GONE).
+tag_NetCore_UDXData MakeControl(uint32_t unPacketType, uint16_t wSerial, unsigned long long nTick) {
+    tag_NetCore_UDXData st_Data;
+    st_Data.nMsgLen = UDX_HEADER_SIZE;
+    st_Data.wSerial = wSerial;
+    st_Data.nTimeSend = nTick;
+    st_Data.tszMsgBuffer.resize(UDX_HEADER_SIZE);
+    UDX_BuildHeader(0, st_Data.tszMsgBuffer.data(), &wSerial, unPacketType);
+    return st_Data;
+}
+
 void CopyAddr(char* ptszTarget, size_t nSize, const char* lpszAddr) {
     strncpy(ptszTarget, lpszAddr, nSize - 1);
     ptszTarget[nSize - 1] = '\0';
@@ -166,13 +177,8 @@ bool UDXEngine::Parse(const char* lpszClientAddr, const char* lpszMsgBuffer, int
                 if (stl_It != stl_Sent.end()) {
                     pSt_Client->stl_ListSend.push_back(*stl_It);
                 } else {
-                    tag_NetCore_UDXData st_Gone;
-                    st_Gone.nMsgLen = UDX_HEADER_SIZE;
-                    st_Gone.wSerial = st_Header.wHdrSerial;
-                    st_Gone.nTimeSend = nTick;
-                    uint16_t wSerial = st_Header.wHdrSerial;
-                    UDX_BuildHeader(0, st_Gone.tszMsgBuffer, &wSerial, UDX_PACKET_RESEND_GONE);
-                    pSt_Client->stl_ListSend.push_back(st_Gone);
+                    pSt_Client->stl_ListSend.push_back(
+                        MakeControl(UDX_PACKET_RESEND_GONE, st_Header.wHdrSerial, nTick));
                 }
                 break;
             }
@@ -223,7 +229,8 @@ bool UDXEngine::Parse(const char* lpszClientAddr, const char* lpszMsgBuffer, int
                     st_Data.nTimeSend = nTick;
                     st_Data.wSerial = st_Packet.wHdrSerial;
                     st_Data.nMsgLen = static_cast<int>(st_Packet.unPayloadLen);
-                    memcpy(st_Data.tszMsgBuffer, lpszMsgBuffer + nOffset + UDX_HEADER_SIZE, st_Packet.unPayloadLen);
+                    const char* lpszPayload = lpszMsgBuffer + nOffset + UDX_HEADER_SIZE;
+                    st_Data.tszMsgBuffer.assign(lpszPayload, lpszPayload + st_Data.nMsgLen);
                     nOffset += UDX_HEADER_SIZE + st_Data.nMsgLen;
                     // packets of the datagram queued before a failure stay queued
                     if (!QueueData(pSt_Client, std::move(st_Data))) return false;
@@ -247,7 +254,8 @@ bool UDXEngine::Send(const char* lpszClientAddr, const char* lpszMsgBuffer, int 
     // a null address names no session
     if (lpszClientAddr == nullptr) return Fail(ERROR_NETCORE_UDX_SEND_NOTFOUND);
 
-    std::vector<tag_NetCore_UDXSender> stl_Batch;
+    // the packets to hand to the UDP server once the table lock is released
+    std::vector<std::vector<char>> stl_Batch;
     std::string strAddr(lpszClientAddr);
     {
         std::shared_lock<std::shared_mutex> st_Lock(st_Locker);
@@ -265,6 +273,7 @@ bool UDXEngine::Send(const char* lpszClientAddr, const char* lpszMsgBuffer, int 
         if (nMsgLen < 0) return Fail(ERROR_NETCORE_UDX_SEND_PARAMENT);
 
         const bool bMerge = m_st_Config.bMtap && nMsgLen < UDX_MTAP_LIMIT;
+        if (!bMerge) stl_Batch.reserve(static_cast<size_t>(nMsgLen / UDX_PIECE_SIZE + 1));
         int nOffset = 0;
         do {
             const int nPiece = std::min(nMsgLen - nOffset, UDX_PIECE_SIZE);
@@ -273,31 +282,31 @@ bool UDXEngine::Send(const char* lpszClientAddr, const char* lpszMsgBuffer, int 
             st_Data.nTimeSend = nTick;
             uint16_t wSerial = pSt_Client->wSendSerial.load(std::memory_order_relaxed);
             st_Data.wSerial = wSerial;
-            UDX_BuildHeader(static_cast<uint32_t>(nPiece), st_Data.tszMsgBuffer, &wSerial, UDX_PACKET_DATA);
+            st_Data.tszMsgBuffer.resize(static_cast<size_t>(st_Data.nMsgLen));
+            UDX_BuildHeader(static_cast<uint32_t>(nPiece), st_Data.tszMsgBuffer.data(), &wSerial, UDX_PACKET_DATA);
             pSt_Client->wSendSerial.store(wSerial, std::memory_order_relaxed);
-            if (nPiece > 0) memcpy(st_Data.tszMsgBuffer + UDX_HEADER_SIZE, lpszMsgBuffer + nOffset, nPiece);
+            if (nPiece > 0) memcpy(st_Data.tszMsgBuffer.data() + UDX_HEADER_SIZE, lpszMsgBuffer + nOffset, nPiece);
+            const int nPacketLen = st_Data.nMsgLen;
 
             if (bMerge) {
                 // a packet waiting to be merged is not kept for resending
                 std::lock_guard<std::mutex> st_LockMtap(pSt_Client->st_LockMtap);
-                pSt_Client->stl_ListMtap.push_back(st_Data);
+                pSt_Client->stl_ListMtap.push_back(std::move(st_Data));
             } else {
                 if (m_st_Config.bReliable) {
                     std::lock_guard<std::mutex> st_LockSent(pSt_Client->st_LockSent);
                     pSt_Client->stl_ListSent.push_back(st_Data);
                 }
-                stl_Batch.emplace_back();
-                memcpy(stl_Batch.back().tszMsgBuffer, st_Data.tszMsgBuffer, st_Data.nMsgLen);
-                stl_Batch.back().nMsgLen = st_Data.nMsgLen;
+                stl_Batch.push_back(std::move(st_Data.tszMsgBuffer));
             }
-            pSt_Client->nWindowPeer.fetch_sub(static_cast<unsigned int>(st_Data.nMsgLen), std::memory_order_relaxed);
-            m_nSendBytes.fetch_add(static_cast<unsigned long long>(st_Data.nMsgLen), std::memory_order_relaxed);
+            pSt_Client->nWindowPeer.fetch_sub(static_cast<unsigned int>(nPacketLen), std::memory_order_relaxed);
+            m_nSendBytes.fetch_add(static_cast<unsigned long long>(nPacketLen), std::memory_order_relaxed);
             m_nSendPackets.fetch_add(1, std::memory_order_relaxed);
             nOffset += nPiece;
         } while (nOffset < nMsgLen);
     }
-    for (const tag_NetCore_UDXSender& st_Sender : stl_Batch) {
-        SendRaw(strAddr.c_str(), st_Sender.tszMsgBuffer, st_Sender.nMsgLen);
+    for (const std::vector<char>& stl_Packet : stl_Batch) {
+        SendRaw(strAddr.c_str(), stl_Packet.data(), static_cast<int>(stl_Packet.size()));
     }
     // failures of the UDP layer's send are not reported
     ClearError();
@@ -337,7 +346,8 @@ bool UDXEngine::Recv(const char* lpszClientAddr, char* ptszMsgBuffer, int* pInt_
         }
         if (stl_It != stl_List.end()) {
             pSt_Client->wRecvNext.fetch_add(1, std::memory_order_relaxed);
-            memcpy(ptszMsgBuffer, stl_It->tszMsgBuffer, stl_It->nMsgLen);
+            // an empty payload holds no buffer at all
+            if (stl_It->nMsgLen > 0) memcpy(ptszMsgBuffer, stl_It->tszMsgBuffer.data(), stl_It->nMsgLen);
             *pInt_MsgLen = stl_It->nMsgLen;
             pSt_Client->nWindowSelf.fetch_add(static_cast<unsigned int>(stl_It->nMsgLen + UDX_HEADER_SIZE),
                                               std::memory_order_relaxed);
@@ -351,13 +361,7 @@ bool UDXEngine::Recv(const char* lpszClientAddr, char* ptszMsgBuffer, int* pInt_
         bool bPending = std::any_of(stl_Resend.begin(), stl_Resend.end(),
                                     [&](const tag_NetCore_UDXData& st_Req) { return st_Req.wSerial == wMissing; });
         if (!bPending) {
-            tag_NetCore_UDXData st_Req;
-            st_Req.nMsgLen = UDX_HEADER_SIZE;
-            st_Req.wSerial = wMissing;
-            st_Req.nTimeSend = nTick;
-            uint16_t wSerial = wMissing;
-            UDX_BuildHeader(0, st_Req.tszMsgBuffer, &wSerial, UDX_PACKET_RESEND_REQUEST);
-            stl_Resend.push_back(st_Req);
+            stl_Resend.push_back(MakeControl(UDX_PACKET_RESEND_REQUEST, wMissing, nTick));
         }
     }
     if (!bTaken) return Fail(ERROR_NETCORE_UDX_RECV_NODATA);
@@ -429,7 +433,7 @@ void UDXEngine::RunSessions(unsigned long long nTick, long long nSeconds) {
         {
             std::lock_guard<std::mutex> st_LockSend(pSt_Client->st_LockSend);
             for (const tag_NetCore_UDXData& st_Data : pSt_Client->stl_ListSend) {
-                SendRaw(lpszAddr, st_Data.tszMsgBuffer, st_Data.nMsgLen);
+                SendRaw(lpszAddr, st_Data.tszMsgBuffer.data(), st_Data.nMsgLen);
             }
             pSt_Client->stl_ListSend.clear();
         }
@@ -438,7 +442,7 @@ void UDXEngine::RunSessions(unsigned long long nTick, long long nSeconds) {
             std::lock_guard<std::mutex> st_LockResend(pSt_Client->st_LockResend);
             for (const tag_NetCore_UDXData& st_Req : pSt_Client->stl_ListResend) {
                 if (nTick - st_Req.nTimeSend > UDX_REQUEST_AGE_MS) {
-                    SendRaw(lpszAddr, st_Req.tszMsgBuffer, st_Req.nMsgLen);
+                    SendRaw(lpszAddr, st_Req.tszMsgBuffer.data(), st_Req.nMsgLen);
                 }
             }
         }
@@ -462,16 +466,16 @@ void UDXEngine::RunMtap(unsigned long long nTick) {
                     SendRaw(lpszAddr, pSt_Client->tszMsgBuffer, static_cast<int>(pSt_Client->nMtapLen));
                     memset(pSt_Client->tszMsgBuffer, 0, sizeof(pSt_Client->tszMsgBuffer));
                     pSt_Client->nTimeMtap = nTick;
-                    memcpy(pSt_Client->tszMsgBuffer, st_Data.tszMsgBuffer, nLen);
+                    memcpy(pSt_Client->tszMsgBuffer, st_Data.tszMsgBuffer.data(), nLen);
                     pSt_Client->nMtapLen = nLen;
                 } else if (nTick - st_Data.nTimeSend <= UDX_MTAP_AGE_MS) {
                     // the packet goes to the start of the buffer; the length grows by its size,
                     // bounded by the buffer so that a flush never reads past it
-                    memcpy(pSt_Client->tszMsgBuffer, st_Data.tszMsgBuffer, nLen);
+                    memcpy(pSt_Client->tszMsgBuffer, st_Data.tszMsgBuffer.data(), nLen);
                     pSt_Client->nMtapLen =
                         std::min<unsigned int>(pSt_Client->nMtapLen + nLen, sizeof(pSt_Client->tszMsgBuffer));
                 } else {
-                    SendRaw(lpszAddr, st_Data.tszMsgBuffer, st_Data.nMsgLen);
+                    SendRaw(lpszAddr, st_Data.tszMsgBuffer.data(), st_Data.nMsgLen);
                 }
                 stl_Mtap.pop_front();
             }

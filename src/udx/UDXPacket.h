@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <vector>
 
 namespace netcore::udx {
 
@@ -54,20 +55,15 @@ void UDX_ReadHeader(const char* lpszBuffer, UDXHeader* pSt_Header);
 bool UDX_HeaderValid(const UDXHeader& st_Header);
 
 // One queued packet: a received payload, a sent packet kept for resending, a resend request or a
-// packet waiting to be merged.
+// packet waiting to be merged. Its bytes are held at their own size, so a queue of small packets
+// costs what they carry rather than a whole datagram buffer each.
 struct tag_NetCore_UDXData {
     // received: payload length; to send: header plus payload
     int nMsgLen = 0;
     unsigned short wSerial = 0;
     // millisecond tick at which the record was made
     unsigned long long nTimeSend = 0;
-    char tszMsgBuffer[UDX_BUFFER_SIZE];
-};
-
-// One datagram of a batch handed to the UDP server.
-struct tag_NetCore_UDXSender {
-    char tszMsgBuffer[UDX_BUFFER_SIZE];
-    int nMsgLen = 0;
+    std::vector<char> tszMsgBuffer;
 };
 
 }  // namespace netcore::udx

@@ -169,17 +169,24 @@ public:
     }
 
     // Queues one message: cut into 1400-byte pieces, each a DATA packet with the next serial.
+    // Senders take turns, so serials go out in order, but the datagrams are written without holding
+    // up the peer's thread.
     void Send(const void* pData, size_t nLen) {
-        std::lock_guard<std::mutex> st_Lock(m_Mutex);
+        std::lock_guard<std::mutex> st_SendLock(m_SendMutex);
         const uint8_t* p = static_cast<const uint8_t*>(pData);
         size_t nOffset = 0;
         do {
             size_t nPiece = std::min(nLen - nOffset, kPieceSize);
-            uint16_t wSerial = m_wSendNext++;
-            Kept& st_Kept = m_Kept[wSerial];
-            st_Kept.strPacket = Packet(kData, static_cast<uint32_t>(nPiece), wSerial, p + nOffset, nPiece);
-            st_Kept.tLastSend = Clock::now();
-            Transmit(st_Kept.strPacket);
+            std::string strPacket;
+            {
+                std::lock_guard<std::mutex> st_Lock(m_Mutex);
+                uint16_t wSerial = m_wSendNext++;
+                Kept& st_Kept = m_Kept[wSerial];
+                st_Kept.strPacket = Packet(kData, static_cast<uint32_t>(nPiece), wSerial, p + nOffset, nPiece);
+                st_Kept.tLastSend = Clock::now();
+                strPacket = st_Kept.strPacket;
+            }
+            Transmit(strPacket);
             nOffset += nPiece;
         } while (nOffset < nLen);
     }
@@ -295,6 +302,10 @@ private:
             m_Requested[wSerial] = tNow;
             ++nAsked;
         }
+        // Everything sent since the endpoint's last ACK (seconds apart) is kept, so the kept packets
+        // are looked over a few times per time-out rather than on every wake-up.
+        if (!Elapsed(tNow, m_tLastResendScan, std::max(1, m_st_Options.nResendTimeoutMs / 8))) return;
+        m_tLastResendScan = tNow;
         for (auto& stl_Pair : m_Kept) {
             if (Elapsed(tNow, stl_Pair.second.tLastSend, m_st_Options.nResendTimeoutMs)) {
                 Transmit(stl_Pair.second.strPacket);
@@ -398,6 +409,7 @@ private:
     std::atomic<bool> m_bRun{false};
     std::thread m_Thread;
 
+    std::mutex m_SendMutex;  // before m_Mutex
     mutable std::mutex m_Mutex;
     std::condition_variable m_Cond;
     bool m_bConnecting = false;
@@ -412,6 +424,7 @@ private:
     // sending side
     uint16_t m_wSendNext = 0;
     std::map<uint16_t, Kept> m_Kept;
+    Clock::time_point m_tLastResendScan;
     size_t m_nResends = 0;
 
     // receiving side
