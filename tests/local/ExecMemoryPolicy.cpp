@@ -1,46 +1,47 @@
 // This executable defines mmap itself: the library's calls bind to the executable's definition
-// first (it is exported from it because the library refers to it), and everything that is not
-// refused goes on to the next mmap in the lookup order (the C library's, or a sanitizer's).
+// first (it is exported from it because the library refers to it). What is not refused goes to the
+// system call directly: the next mmap in the lookup order may be a sanitizer's, which is not ready
+// for the calls made while the process starts, and this function must not be instrumented either.
 #include "ExecMemoryPolicy.h"
 
-#include <dlfcn.h>
 #include <sys/mman.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 
 namespace {
 
-std::atomic<bool> g_refuse{false};
-std::atomic<int> g_refused{0};
+// read and written with the compiler's atomic built-ins, which stay uninstrumented in mmap
+bool g_refuse = false;
+int g_refused = 0;
 
 }  // namespace
 
-extern "C" __attribute__((visibility("default"))) void* mmap(void* addr, size_t length, int prot, int flags, int fd,
-                                                             off_t offset) noexcept {
-    using Fn = void* (*)(void*, size_t, int, int, int, off_t);
-    static Fn real = reinterpret_cast<Fn>(dlsym(RTLD_NEXT, "mmap"));
-    if ((prot & PROT_EXEC) != 0 && g_refuse.load()) {
-        g_refused++;
+extern "C" __attribute__((visibility("default"), no_sanitize("address", "thread", "undefined"))) void* mmap(
+    void* addr, size_t length, int prot, int flags, int fd, off_t offset) noexcept {
+    if ((prot & PROT_EXEC) != 0 && __atomic_load_n(&g_refuse, __ATOMIC_SEQ_CST)) {
+        __atomic_add_fetch(&g_refused, 1, __ATOMIC_SEQ_CST);
         errno = EACCES;
         return MAP_FAILED;
     }
-    return real(addr, length, prot, flags, fd, offset);
+    // syscall() reports a failure as -1 with errno, which is MAP_FAILED
+    return reinterpret_cast<void*>(syscall(SYS_mmap, addr, length, prot, flags, fd, offset));
 }
 
 namespace localtest {
 
 RefuseExecutableMappings::RefuseExecutableMappings() {
-    g_refused = 0;
-    g_refuse = true;
+    __atomic_store_n(&g_refused, 0, __ATOMIC_SEQ_CST);
+    __atomic_store_n(&g_refuse, true, __ATOMIC_SEQ_CST);
 }
 
 RefuseExecutableMappings::~RefuseExecutableMappings() {
-    g_refuse = false;
+    __atomic_store_n(&g_refuse, false, __ATOMIC_SEQ_CST);
 }
 
 int RefuseExecutableMappings::Refused() const {
-    return g_refused.load();
+    return __atomic_load_n(&g_refused, __ATOMIC_SEQ_CST);
 }
 
 }  // namespace localtest
