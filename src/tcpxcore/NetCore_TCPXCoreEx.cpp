@@ -1,11 +1,10 @@
 #include "NetCore_TCPXCoreEx.h"
 
-#include <mutex>
 #include <new>
 #include <thread>
-#include <vector>
 
 #include "frame/Error.h"
+#include "frame/KeepFailed.h"
 
 using netcore::ClearError;
 using netcore::Fail;
@@ -20,15 +19,6 @@ bool WithServer(void* xhNet, Fn&& fnCall) {
     return fnCall(static_cast<CNetCore_TCPXCore*>(xhNet));
 }
 
-// A server whose start failed is kept with whatever listeners it had opened: callers have
-// always found those still accepting. Listed here (never freed) so it stays reachable.
-void KeepFailedServer(CNetCore_TCPXCore* pClass) {
-    static std::mutex st_Locker;
-    static std::vector<CNetCore_TCPXCore*>* pStl_Kept = new std::vector<CNetCore_TCPXCore*>;
-    std::lock_guard<std::mutex> st_Lock(st_Locker);
-    pStl_Kept->push_back(pClass);
-}
-
 }  // namespace
 
 void* CNetCore_TCPXCoreEx::NetCore_TCPXCore_StartEx(int nPort, int nMaxClient, int nThreads, bool bKeepAlive,
@@ -37,7 +27,7 @@ void* CNetCore_TCPXCoreEx::NetCore_TCPXCore_StartEx(int nPort, int nMaxClient, i
     auto* pClass = new (std::nothrow) CNetCore_TCPXCore();
     if (pClass == nullptr) return netcore::FailNull(ERROR_NETCORE_TCPXCORE_EX_START);
     if (!pClass->NetCore_TCPXCore_Start(nPort, nMaxClient, nThreads, bKeepAlive, bReuseAddr, nFlowPeriod, nIPVer)) {
-        KeepFailedServer(pClass);
+        netcore::KeepFailedInstance(pClass);
         return nullptr;
     }
     return pClass;

@@ -1,11 +1,10 @@
 #include "NetCore_UDPXCoreEx.h"
 
-#include <mutex>
 #include <new>
-#include <vector>
 
 #include "NetCore_UDPXCore.h"
 #include "frame/Error.h"
+#include "frame/KeepFailed.h"
 
 using netcore::ClearError;
 using netcore::Fail;
@@ -16,16 +15,6 @@ CNetCore_UDPXCore* Server(void* xhToken) {
     return static_cast<CNetCore_UDPXCore*>(xhToken);
 }
 
-// A server whose start failed is kept, not deleted, as the handle layer has always done. Its
-// start already released every socket and descriptor; keeping it here (never freed) leaves the
-// small object reachable instead of lost.
-void KeepFailedServer(CNetCore_UDPXCore* pClass_Server) {
-    static std::mutex st_Locker;
-    static std::vector<CNetCore_UDPXCore*>* pStl_Kept = new std::vector<CNetCore_UDPXCore*>;
-    std::lock_guard<std::mutex> st_Lock(st_Locker);
-    pStl_Kept->push_back(pClass_Server);
-}
-
 }  // namespace
 
 void* CNetCore_UDPXCoreEx::NetCore_UDPXCore_StartEx(int nPort, int nThread, int nTimeFlow, int nIPVer) {
@@ -33,7 +22,7 @@ void* CNetCore_UDPXCoreEx::NetCore_UDPXCore_StartEx(int nPort, int nThread, int 
     CNetCore_UDPXCore* pClass_Server = new (std::nothrow) CNetCore_UDPXCore;
     if (pClass_Server == nullptr) return netcore::FailNull(ERROR_NETCORE_UDPXCORE_STARTEX_MALLOC);
     if (!pClass_Server->NetCore_UDPXCore_Start(nPort, nThread, nTimeFlow, nIPVer)) {
-        KeepFailedServer(pClass_Server);
+        netcore::KeepFailedInstance(pClass_Server);
         return nullptr;
     }
     return pClass_Server;

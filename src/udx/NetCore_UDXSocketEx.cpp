@@ -1,10 +1,9 @@
 #include "udx/NetCore_UDXSocketEx.h"
 
-#include <mutex>
 #include <new>
-#include <vector>
 
 #include "frame/Error.h"
+#include "frame/KeepFailed.h"
 #include "udx/NetCore_UDXSocket.h"
 
 using netcore::ClearError;
@@ -17,15 +16,6 @@ CNetCore_UDXSocket* Endpoint(void* xhToken) {
     return static_cast<CNetCore_UDXSocket*>(xhToken);
 }
 
-// An endpoint whose Init failed is kept, with whatever Init had started (its UDP server keeps
-// answering), as callers have always found it. Listed here (never freed) so it stays reachable.
-void KeepFailedEndpoint(CNetCore_UDXSocket* pClass_UDX) {
-    static std::mutex st_Locker;
-    static std::vector<CNetCore_UDXSocket*>* pStl_Kept = new std::vector<CNetCore_UDXSocket*>;
-    std::lock_guard<std::mutex> st_Lock(st_Locker);
-    pStl_Kept->push_back(pClass_UDX);
-}
-
 }  // namespace
 
 void* CNetCore_UDXSocketEx::NetCore_UDXSocket_InitEx(tag_NetCore_UDXConfig* pSt_UDXConfig, int nPort, int nTimeFlow) {
@@ -33,7 +23,7 @@ void* CNetCore_UDXSocketEx::NetCore_UDXSocket_InitEx(tag_NetCore_UDXConfig* pSt_
     CNetCore_UDXSocket* pClass_UDX = new (std::nothrow) CNetCore_UDXSocket();
     if (pClass_UDX == nullptr) return FailNull(ERROR_NETCORE_UDX_INITEX_MALLOC);
     if (!pClass_UDX->NetCore_UDXSocket_Init(pSt_UDXConfig, nPort, nTimeFlow)) {
-        KeepFailedEndpoint(pClass_UDX);
+        netcore::KeepFailedInstance(pClass_UDX);
         return nullptr;
     }
     return pClass_UDX;
