@@ -171,15 +171,24 @@ TEST_F(PipeTest, NamedCloseTakesTheFirstStoredFifoWhateverThePath) {
 
 TEST_F(PipeTest, NamedFifoCarriesDataFromAnotherProcess) {
     TempPath path("fifo");
+    // A FIFO's data goes when its last opener closes it: the child keeps its end open until the
+    // parent, which may open the FIFO only after the child has written, has read (or gone).
+    int gate[2];
+    ASSERT_EQ(0, pipe(gate));
+    nctest::Fd gateRead(gate[0]), gateWrite(gate[1]);
     pid_t child = localtest::ForkChild([&] {
+        gateWrite.Reset();
         // the child opens the parent's FIFO by path and writes into it
         if (!localtest::ChildWait([&] { return path.Type() == S_IFIFO; })) return 1;
         if (!NetCore_PIPNamed_OPen(path.c_str())) return 2;
         if (!NetCore_PIPNamed_Write(path.c_str(), "over the fifo", 13)) return 3;
+        char done;
+        if (read(gateRead.Get(), &done, 1) < 0) return 5;
         // the opener's Close leaves the path alone
         NetCore_PIPNamed_Close(path.c_str());
         return path.Type() == S_IFIFO ? 0 : 4;
     });
+    gateRead.Reset();
     ASSERT_TRUE(NetCore_PIPNamed_Create(path.c_str()));
     char buffer[32] = {};
     int len = 0;
@@ -187,6 +196,7 @@ TEST_F(PipeTest, NamedFifoCarriesDataFromAnotherProcess) {
         len = sizeof(buffer);
         return NetCore_PIPNamed_Read(path.c_str(), buffer, &len);
     }));
+    gateWrite.Reset();
     EXPECT_EQ(13, len);
     EXPECT_STREQ("over the fifo", buffer);
     EXPECT_EQ(0, localtest::WaitChild(child));
