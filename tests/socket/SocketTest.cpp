@@ -129,11 +129,13 @@ TEST_F(SocketTest, SendContinuesAfterPartialWritesAndFailsWithItsCodes) {
     Expect(NetCore_Socket_Send(client.Get(), "x", 0, nullptr, 0, 1, AF_INET), ERROR_NETCORE_SOCKET_SEND_PARAMENT, "0");
     Expect(NetCore_Socket_Send(client.Get(), "x", -5, nullptr, 0, 1, AF_INET), ERROR_NETCORE_SOCKET_SEND_PARAMENT,
            "-5");
-    // both buffers full: a zero time-out ends the send once the wall clock's second changes
+    // both buffers full: the send fails once more than the time-out's whole seconds have passed
     while (NetCore_Socket_IOSelect(client.Get(), false, 50))
         send(client.Get(), buf, sizeof(buf), 0);
-    Expect(NetCore_Socket_Send(client.Get(), buf, sizeof(buf), nullptr, 0, 0, AF_INET),
+    auto start = std::chrono::steady_clock::now();
+    Expect(NetCore_Socket_Send(client.Get(), buf, sizeof(buf), nullptr, 0, 1, AF_INET),
            ERROR_NETCORE_SOCKET_SEND_TIMEOUT, "peer not reading");
+    EXPECT_GE(std::chrono::steady_clock::now() - start, 1s);
     linger hard{1, 0};
     ASSERT_EQ(0, setsockopt(server.Get(), SOL_SOCKET, SO_LINGER, &hard, sizeof(hard)));
     server.Reset();

@@ -540,15 +540,13 @@ TEST(TCPServerUnload, ExitWithBothServersRunningEndsCleanly) {
     }
     char self[4096] = {};
     ASSERT_GT(readlink("/proc/self/exe", self, sizeof(self) - 1), 0);
-    std::string filter = "--gtest_filter=TCPServerUnload.*", marker = "NCTEST_TCPSERVER_UNLOAD_CHILD=1";
+    std::string filter = "--gtest_filter=TCPServerUnload.*";
     char* argv[] = {self, filter.data(), nullptr};
-    std::vector<char*> env;
-    for (char** e = environ; *e != nullptr; e++)
-        env.push_back(*e);
-    env.push_back(marker.data());
-    env.push_back(nullptr);
+    setenv("NCTEST_TCPSERVER_UNLOAD_CHILD", "1", 1);
     pid_t child = 0;
-    if (posix_spawn(&child, self, nullptr, nullptr, argv, env.data()) != 0) GTEST_SKIP() << "cannot start a copy";
+    int spawned = posix_spawn(&child, self, nullptr, nullptr, argv, environ);
+    unsetenv("NCTEST_TCPSERVER_UNLOAD_CHILD");
+    if (spawned != 0) GTEST_SKIP() << "cannot start a copy";
     int status = 0;
     bool ended = WaitFor([&] { return waitpid(child, &status, WNOHANG) == child; }, std::chrono::seconds(30));
     if (!ended) {
