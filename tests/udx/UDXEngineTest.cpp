@@ -2,6 +2,7 @@
 // hook, and time is whatever the test says it is.
 #include <algorithm>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <string>
 #include <utility>
@@ -45,15 +46,17 @@ struct Wire {
 class EngineTest : public nctest::NetCoreTest {
 protected:
     void Make(const tag_NetCore_UDXConfig& st_Config) {
-        UDXEngine::Hooks st_Hooks;
-        st_Hooks.fnSend = [this](const char* lpszAddr, const char* lpszData, int nLen) {
-            m_Wire.push_back({lpszAddr, std::string(lpszData, static_cast<size_t>(nLen))});
+        auto Log = [this](const char* lpszWhat) {
+            return [this, lpszWhat](const char* lpszAddr) { m_Log.push_back(std::string(lpszWhat) + lpszAddr); };
         };
-        st_Hooks.fnAccepted = [this](const char* lpszAddr) { m_Log.push_back(std::string("accepted ") + lpszAddr); };
-        st_Hooks.fnLogin = [this](const char* lpszAddr) { m_Log.push_back(std::string("login ") + lpszAddr); };
-        st_Hooks.fnActive = [this](const char* lpszAddr) { m_Log.push_back(std::string("active ") + lpszAddr); };
-        st_Hooks.fnRemoved = [this](const char* lpszAddr) { m_Log.push_back(std::string("removed ") + lpszAddr); };
-        st_Hooks.fnLeave = [this](const char* lpszAddr) { m_Log.push_back(std::string("leave ") + lpszAddr); };
+        UDXEngine::Hooks st_Hooks{[this](const char* lpszAddr, const char* lpszData, int nLen) {
+                                      m_Wire.push_back({lpszAddr, std::string(lpszData, static_cast<size_t>(nLen))});
+                                  },
+                                  Log("accepted "),
+                                  Log("login "),
+                                  Log("active "),
+                                  Log("removed "),
+                                  Log("leave ")};
         m_Engine = std::make_unique<UDXEngine>(st_Config, std::move(st_Hooks));
     }
     // Makes the engine and connects kPeer with the given window.
@@ -113,17 +116,8 @@ TEST_F(EngineTest, HeaderIsLaidOutByteForByte) {
 
     wSerial = 77;
     UDX_BuildHeader(5, tszHeader, &wSerial, UDX_PACKET_WINDOW);
-    UDXHeader st_Header;
-    UDX_ReadHeader(tszHeader, &st_Header);
     EXPECT_EQ(77, wSerial) << "only DATA consumes a serial";
-    EXPECT_EQ(77, st_Header.wHdrSerial);
-    EXPECT_EQ(UDX_PACKET_WINDOW, st_Header.unPacketType);
-    EXPECT_EQ(5u, st_Header.unPayloadLen);
-
-    UDX_BuildHeader(0, tszHeader, nullptr, UDX_PACKET_CLOSE);
-    UDX_ReadHeader(tszHeader, &st_Header);
-    EXPECT_EQ(0, st_Header.wHdrSerial);
-    EXPECT_TRUE(UDX_HeaderValid(st_Header));
+    EXPECT_EQ(udxpeer::Packet(udxpeer::kWindow, 5, 77), std::string(tszHeader, 30));
 }
 
 TEST_F(EngineTest, BadMarksClassOrShortDatagramsAreRejectedWhole) {
@@ -147,8 +141,6 @@ TEST_F(EngineTest, BadMarksClassOrShortDatagramsAreRejectedWhole) {
     std::string strOdd = Broken(5, 0xAA);
     strOdd[22] = 9;
     EXPECT_TRUE(Feed(strOdd));
-    EXPECT_FALSE(m_Engine->Parse(kPeer, nullptr, 30, 0));
-    EXPECT_EQ(ERROR_NETCORE_UDX_PARSE_PARAMENT, NetCore_GetLastError(nullptr));
 }
 
 TEST_F(EngineTest, ConnectIsAnsweredWithTheWindowAndARepeatChangesNothing) {
@@ -306,14 +298,6 @@ TEST_F(EngineTest, SendCreditRefusesLongMessagesAndWindowPacketsRestoreIt) {
     EXPECT_FALSE(Send(std::string(301, 'c')));
     ASSERT_TRUE(Feed(udxpeer::Packet(udxpeer::kWindow, 0, 0)));
     EXPECT_TRUE(Send(std::string(4000, 'c'))) << "a credit of 0 does not limit";
-
-    EXPECT_FALSE(m_Engine->Send("10.0.0.8:1", "x", 1, 0));
-    EXPECT_EQ(ERROR_NETCORE_UDX_SEND_NOTFOUND, NetCore_GetLastError(nullptr));
-    EXPECT_FALSE(m_Engine->Send(kPeer, nullptr, 1, 0));
-    EXPECT_EQ(ERROR_NETCORE_UDX_SEND_PARAMENT, NetCore_GetLastError(nullptr));
-    // the peer is looked up before the length is judged
-    EXPECT_FALSE(m_Engine->Send("10.0.0.8:1", "x", -1, 0));
-    EXPECT_EQ(ERROR_NETCORE_UDX_SEND_NOTFOUND, NetCore_GetLastError(nullptr));
 }
 
 TEST_F(EngineTest, ReceiveWindowShrinksOnArrivalGrowsOnFetchAndIsAdvertised) {
@@ -363,7 +347,7 @@ TEST_F(EngineTest, AckIsSentWhenTheNextSerialChangedAndMoreThanTwoSecondsPassed)
     EXPECT_EQ(1u, CountType(udxpeer::kAck)) << "no ACK while the next serial is unchanged";
 }
 
-TEST_F(EngineTest, AckPrunesKeptPacketsAndResendsThoseOlderThan2000Ms) {
+TEST_F(EngineTest, AckPrunesKeptPacketsResendsOldOnesAndRequestsAreAnsweredOnThePass) {
     Connected(Config(true, true));
     for (int i = 0; i < 12; ++i)
         ASSERT_TRUE(Send("m" + std::to_string(i), 0));
@@ -373,38 +357,26 @@ TEST_F(EngineTest, AckPrunesKeptPacketsAndResendsThoseOlderThan2000Ms) {
     ASSERT_TRUE(Feed(udxpeer::Packet(udxpeer::kAck, 0, 10), 2000));
     EXPECT_EQ(2u, State().nSent);
     EXPECT_EQ(0u, State().nSend) << "2000 ms is not yet too old";
-
     ASSERT_TRUE(Feed(udxpeer::Packet(udxpeer::kAck, 0, 10), 2001));
     EXPECT_EQ(2u, State().nSend);
+    // a request is answered with the kept packet, or with RESEND_GONE for one no longer kept
+    ASSERT_TRUE(Feed(udxpeer::Packet(udxpeer::kResendRequest, 0, 11)));
+    ASSERT_TRUE(Feed(udxpeer::Packet(udxpeer::kResendRequest, 0, 3)));
+    EXPECT_TRUE(m_Wire.empty()) << "everything waits for the session pass";
     m_Engine->StartTimers(0);
     m_Engine->RunSessions(2001, 0);
-    ASSERT_EQ(2u, m_Wire.size());
-    EXPECT_EQ(10, m_Wire[0].Head().wSerial);
-    EXPECT_EQ(11, m_Wire[1].Head().wSerial);
-    EXPECT_EQ("m11", m_Wire[1].strData.substr(30));
+    ASSERT_EQ(4u, m_Wire.size());
+    const uint16_t wSerials[] = {10, 11, 11, 3};
+    for (size_t i = 0; i < 4; ++i)
+        EXPECT_EQ(wSerials[i], m_Wire[i].Head().wSerial);
+    EXPECT_EQ("m11", m_Wire[2].strData.substr(30));
+    EXPECT_EQ(udxpeer::kResendGone, m_Wire[3].Head().nType);
+    EXPECT_EQ(30u, m_Wire[3].strData.size());
     EXPECT_EQ(0u, State().nSend);
 
     ASSERT_TRUE(Feed(udxpeer::Packet(udxpeer::kAck, 0, 10), 2500));
     m_Engine->RunSessions(2500, 0);
-    EXPECT_EQ(4u, m_Wire.size()) << "resent again on every ACK that leaves them in place";
-}
-
-TEST_F(EngineTest, ResendRequestIsAnsweredWithThePacketOrResendGone) {
-    Connected(Config(true, true));
-    ASSERT_TRUE(Send("zero"));
-    ASSERT_TRUE(Send("one"));
-    m_Wire.clear();
-    ASSERT_TRUE(Feed(udxpeer::Packet(udxpeer::kResendRequest, 0, 1)));
-    ASSERT_TRUE(Feed(udxpeer::Packet(udxpeer::kResendRequest, 0, 42)));
-    EXPECT_TRUE(m_Wire.empty()) << "answers wait for the session thread";
-    m_Engine->StartTimers(0);
-    m_Engine->RunSessions(10, 0);
-    ASSERT_EQ(2u, m_Wire.size());
-    EXPECT_EQ(udxpeer::kData, m_Wire[0].Head().nType);
-    EXPECT_EQ("one", m_Wire[0].strData.substr(30));
-    EXPECT_EQ(udxpeer::kResendGone, m_Wire[1].Head().nType);
-    EXPECT_EQ(42, m_Wire[1].Head().wSerial);
-    EXPECT_EQ(30u, m_Wire[1].strData.size());
+    EXPECT_EQ(6u, m_Wire.size()) << "resent again on every ACK that leaves them in place";
 }
 
 TEST_F(EngineTest, ResendGoneSkipsTheSerialOrClosesInStrictMode) {
@@ -517,18 +489,36 @@ TEST_F(EngineTest, MergingNeverReadsPastItsBuffer) {
     EXPECT_EQ(2048u, m_Wire[0].strData.size());
 }
 
-TEST_F(EngineTest, FetchRejectsNullArgumentsAndUnknownPeers) {
+TEST_F(EngineTest, ArgumentsAndUnknownPeersAreRefusedWithTheirCodes) {
     Connected(Config(true));
     char tszBuffer[2048];
     int nLen = 0;
-    EXPECT_FALSE(m_Engine->Recv(kPeer, nullptr, &nLen, 0));
-    EXPECT_EQ(ERROR_NETCORE_UDX_RECV_PARAMENT, NetCore_GetLastError(nullptr));
-    EXPECT_FALSE(m_Engine->Recv(kPeer, tszBuffer, nullptr, 0));
-    EXPECT_FALSE(m_Engine->Recv(nullptr, tszBuffer, &nLen, 0));
-    EXPECT_FALSE(m_Engine->Recv("1.2.3.4:5", tszBuffer, &nLen, 0));
-    EXPECT_EQ(ERROR_NETCORE_UDX_RECV_NOTFOUND, NetCore_GetLastError(nullptr));
-    EXPECT_FALSE(m_Engine->Accept(nullptr, 0));
-    EXPECT_EQ(ERROR_NETCORE_UDX_ACCEPT_PARAMENT, NetCore_GetLastError(nullptr));
+    UDXEngine& e = *m_Engine;
+    const std::vector<std::pair<std::function<bool()>, unsigned long long>> rows = {
+        {[&] { return e.Send("10.0.0.8:1", "x", 1, 0); }, ERROR_NETCORE_UDX_SEND_NOTFOUND},
+        {[&] { return e.Send(nullptr, "x", 1, 0); }, ERROR_NETCORE_UDX_SEND_NOTFOUND},
+        {[&] { return e.Send(kPeer, nullptr, 1, 0); }, ERROR_NETCORE_UDX_SEND_PARAMENT},
+        {[&] { return e.Send(kPeer, "x", -1, 0); }, ERROR_NETCORE_UDX_SEND_PARAMENT},
+        // the peer is looked up before the length is judged
+        {[&] { return e.Send("10.0.0.8:1", "x", -1, 0); }, ERROR_NETCORE_UDX_SEND_NOTFOUND},
+        {[&] { return e.Recv(kPeer, nullptr, &nLen, 0); }, ERROR_NETCORE_UDX_RECV_PARAMENT},
+        {[&] { return e.Recv(kPeer, tszBuffer, nullptr, 0); }, ERROR_NETCORE_UDX_RECV_PARAMENT},
+        {[&] { return e.Recv(nullptr, tszBuffer, &nLen, 0); }, ERROR_NETCORE_UDX_RECV_PARAMENT},
+        {[&] { return e.Recv("1.2.3.4:5", tszBuffer, &nLen, 0); }, ERROR_NETCORE_UDX_RECV_NOTFOUND},
+        {[&] { return e.Recv(kPeer, tszBuffer, &nLen, 0); }, ERROR_NETCORE_UDX_RECV_EMPTY},
+        {[&] { return e.Accept(nullptr, 0); }, ERROR_NETCORE_UDX_ACCEPT_PARAMENT},
+        {[&] { return e.Parse(kPeer, nullptr, 30, 0); }, ERROR_NETCORE_UDX_PARSE_PARAMENT},
+        {[&] { return e.Parse(nullptr, "x", 1, 0); }, ERROR_NETCORE_UDX_PARSE_PARAMENT},
+        {[&] { return Feed(udxpeer::Packet(udxpeer::kData, 0, 0).substr(0, 29)); }, ERROR_NETCORE_UDX_PARSE_PROTOCOL},
+    };
+    for (size_t i = 0; i < rows.size(); i++) {
+        SCOPED_TRACE(i);
+        nctest::ResetErrorState();
+        EXPECT_FALSE(rows[i].first());
+        EXPECT_TRUE(ErrorFlag());
+        EXPECT_EQ(rows[i].second, NetCore_GetLastError(nullptr));
+    }
+    EXPECT_TRUE(m_Wire.empty());
 }
 
 }  // namespace

@@ -1,11 +1,13 @@
 // UDX endpoints through the exported handle functions, with a real peer on loopback, directly or
-// through a lossy relay.
+// through a relay that duplicates and reorders. Loss recovery waits for the protocol's one-second
+// timers, so its rules are pinned on the engine with a made-up clock instead.
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -79,10 +81,7 @@ int FreeUdpPort() {
 class UDXSocketTest : public nctest::NetCoreTest {
 protected:
     void TearDown() override {
-        if (m_hUDX != nullptr) {
-            EXPECT_TRUE(NetCore_UDXSocket_DestroyEx(m_hUDX));
-        }
-        m_hUDX = nullptr;
+        EXPECT_TRUE(m_hUDX == nullptr || NetCore_UDXSocket_DestroyEx(m_hUDX));
         nctest::NetCoreTest::TearDown();
     }
     // Starts an endpoint on a free port (probed, so retried if another process takes it first).
@@ -112,23 +111,27 @@ protected:
     Calls m_Calls;
 };
 
-TEST_F(UDXSocketTest, NullHandlesAndAMissingConfigurationFail) {
+TEST_F(UDXSocketTest, NullHandlesAndMissingArgumentsFailWithTheirCodes) {
     char tszBuffer[2048];
     int nLen = 0;
-    auto ExpectHandleNull = [](bool bResult) {
-        EXPECT_FALSE(bResult);
-        EXPECT_TRUE(ErrorFlag());
-        EXPECT_EQ(ERROR_NETCORE_UDX_HANDLE_NULL, NetCore_GetLastError(nullptr));
+    const std::vector<std::pair<std::function<bool()>, unsigned long long>> rows = {
+        {[&] { return NetCore_UDXSocket_SendEx(nullptr, "127.0.0.1:1", "x", 1); }, ERROR_NETCORE_UDX_HANDLE_NULL},
+        {[&] { return NetCore_UDXSocket_RecvEx(nullptr, "127.0.0.1:1", tszBuffer, &nLen); },
+         ERROR_NETCORE_UDX_HANDLE_NULL},
+        {[&] { return NetCore_UDXSocket_CBSetEx(nullptr, OnLogin, OnLeave, nullptr, nullptr); },
+         ERROR_NETCORE_UDX_HANDLE_NULL},
+        {[&] { return NetCore_UDXSocket_CloseEx(nullptr, "127.0.0.1:1"); }, ERROR_NETCORE_UDX_HANDLE_NULL},
+        {[&] { return NetCore_UDXSocket_DestroyEx(nullptr); }, ERROR_NETCORE_UDX_HANDLE_NULL},
+        {[&] { return NetCore_UDXSocket_InitEx(nullptr, FreeUdpPort(), 1) != nullptr; },
+         ERROR_NETCORE_UDX_INIT_PARAMENT},
     };
-    ExpectHandleNull(NetCore_UDXSocket_SendEx(nullptr, "127.0.0.1:1", "x", 1));
-    ExpectHandleNull(NetCore_UDXSocket_RecvEx(nullptr, "127.0.0.1:1", tszBuffer, &nLen));
-    ExpectHandleNull(NetCore_UDXSocket_CBSetEx(nullptr, OnLogin, OnLeave, nullptr, nullptr));
-    ExpectHandleNull(NetCore_UDXSocket_CloseEx(nullptr, "127.0.0.1:1"));
-    ExpectHandleNull(NetCore_UDXSocket_DestroyEx(nullptr));
-
-    EXPECT_EQ(nullptr, NetCore_UDXSocket_InitEx(nullptr, FreeUdpPort(), 1));
-    EXPECT_TRUE(ErrorFlag());
-    EXPECT_EQ(ERROR_NETCORE_UDX_INIT_PARAMENT, NetCore_GetLastError(nullptr));
+    for (size_t i = 0; i < rows.size(); i++) {
+        SCOPED_TRACE(i);
+        nctest::ResetErrorState();
+        EXPECT_FALSE(rows[i].first());
+        EXPECT_TRUE(ErrorFlag());
+        EXPECT_EQ(rows[i].second, NetCore_GetLastError(nullptr));
+    }
 }
 
 TEST_F(UDXSocketTest, PeerConnectsAndMessagesTravelBothWays) {
@@ -146,107 +149,35 @@ TEST_F(UDXSocketTest, PeerConnectsAndMessagesTravelBothWays) {
     ASSERT_TRUE(WaitFor([&] { return m_Calls.Logins().size() == 1; }));
     EXPECT_EQ(strAddr, m_Calls.Logins()[0]);
     std::string strOut;
-
     st_Peer.Send("hello");
     st_Peer.Send(std::string(2801, 'L'));
-    ASSERT_TRUE(Fetch(strAddr, &strOut));
-    EXPECT_EQ("hello", strOut);
     // a long message arrives as its 1400-byte pieces
-    for (size_t nPiece : {1400u, 1400u, 1u}) {
+    for (const std::string& strExpected :
+         {std::string("hello"), std::string(1400, 'L'), std::string(1400, 'L'), std::string(1, 'L')}) {
         ASSERT_TRUE(Fetch(strAddr, &strOut));
-        EXPECT_EQ(std::string(nPiece, 'L'), strOut);
+        EXPECT_EQ(strExpected, strOut);
     }
-    char tszBuffer[2048];
-    int nLen = 0;
-    EXPECT_FALSE(NetCore_UDXSocket_RecvEx(m_hUDX, strAddr.c_str(), tszBuffer, &nLen));
-    EXPECT_EQ(ERROR_NETCORE_UDX_RECV_EMPTY, NetCore_GetLastError(nullptr));
-
     ASSERT_TRUE(Send(strAddr, "world"));
     EXPECT_FALSE(ErrorFlag());
     ASSERT_TRUE(Send(strAddr, std::string(2800, 'R')));
-    ASSERT_TRUE(st_Peer.Recv(&strOut, 5s));
-    EXPECT_EQ("world", strOut);
-    ASSERT_TRUE(st_Peer.Recv(&strOut, 5s));
-    EXPECT_EQ(std::string(1400, 'R'), strOut);
-    ASSERT_TRUE(st_Peer.Recv(&strOut, 5s));
-
-    EXPECT_FALSE(Send("127.0.0.1:9", "nobody"));
-    EXPECT_EQ(ERROR_NETCORE_UDX_SEND_NOTFOUND, NetCore_GetLastError(nullptr));
-    EXPECT_FALSE(NetCore_UDXSocket_RecvEx(m_hUDX, "127.0.0.1:9", tszBuffer, &nLen));
-    EXPECT_EQ(ERROR_NETCORE_UDX_RECV_NOTFOUND, NetCore_GetLastError(nullptr));
-}
-
-TEST_F(UDXSocketTest, SendCreditComesFromTheConnectingPeer) {
-    Start(Config(false));
-    udxpeer::Options st_Options;
-    st_Options.nWindow = 1000;
-    udxpeer::Peer st_Peer;
-    ASSERT_TRUE(st_Peer.Open(m_nPort, st_Options));
-    ASSERT_TRUE(st_Peer.Connect(5s));
-    EXPECT_EQ(0u, st_Peer.GrantedWindow());
-    const std::string strAddr = st_Peer.LocalAddr();
-    EXPECT_FALSE(Send(strAddr, std::string(1001, 'w')));
-    EXPECT_EQ(ERROR_NETCORE_UDX_SEND_WINDOW, NetCore_GetLastError(nullptr));
-    EXPECT_TRUE(Send(strAddr, std::string(1000, 'w')));
-    std::string strOut;
-    ASSERT_TRUE(st_Peer.Recv(&strOut, 5s));
-    EXPECT_EQ(1000u, strOut.size()) << "the refused message used no serial";
-}
-
-TEST_F(UDXSocketTest, CloseNeedsSupervisionAndEndsTheSessionWithALeave) {
-    // without bHeartBeat a close is accepted and changes nothing
-    Start(Config(false));
-    {
-        udxpeer::Peer st_Peer;
-        ASSERT_TRUE(st_Peer.Open(m_nPort));
-        ASSERT_TRUE(st_Peer.Connect(5s));
-        EXPECT_TRUE(NetCore_UDXSocket_CloseEx(m_hUDX, st_Peer.LocalAddr().c_str()));
-        EXPECT_FALSE(ErrorFlag());
-        std::this_thread::sleep_for(50ms);  // give a wrongly carried-out close the chance to show
-        EXPECT_TRUE(Send(st_Peer.LocalAddr(), "still here"));
-        EXPECT_EQ(0u, st_Peer.CountOf(udxpeer::kClose));
-        EXPECT_TRUE(m_Calls.Logins().empty());
+    for (const std::string& strExpected : {std::string("world"), std::string(1400, 'R'), std::string(1400, 'R')}) {
+        ASSERT_TRUE(st_Peer.Recv(&strOut, 5s));
+        EXPECT_EQ(strExpected, strOut);
     }
-    ASSERT_TRUE(NetCore_UDXSocket_DestroyEx(m_hUDX));
-    m_hUDX = nullptr;
-
-    Start(Config(true));
-    udxpeer::Peer st_First, st_Second;
-    ASSERT_TRUE(st_First.Open(m_nPort));
-    ASSERT_TRUE(st_Second.Open(m_nPort));
-    ASSERT_TRUE(st_First.Connect(5s));
-    ASSERT_TRUE(st_Second.Connect(5s));
     // closed by the application: CLOSE goes to the peer, the leave callback follows
-    EXPECT_TRUE(NetCore_UDXSocket_CloseEx(m_hUDX, st_First.LocalAddr().c_str()));
+    EXPECT_TRUE(NetCore_UDXSocket_CloseEx(m_hUDX, strAddr.c_str()));
     ASSERT_TRUE(WaitFor([&] { return m_Calls.Leaves() == 1; }));
-    EXPECT_TRUE(WaitFor([&] { return st_First.CountOf(udxpeer::kClose) == 1; }));
-    EXPECT_FALSE(Send(st_First.LocalAddr(), "gone"));
+    EXPECT_TRUE(WaitFor([&] { return st_Peer.CountOf(udxpeer::kClose) == 1; }));
+    EXPECT_FALSE(Send(strAddr, "gone"));
     EXPECT_EQ(ERROR_NETCORE_UDX_SEND_NOTFOUND, NetCore_GetLastError(nullptr));
     // closed by the peer
+    udxpeer::Peer st_Second;
+    ASSERT_TRUE(st_Second.Open(m_nPort));
+    ASSERT_TRUE(st_Second.Connect(5s));
     st_Second.SendClose();
     ASSERT_TRUE(WaitFor([&] { return m_Calls.Leaves() == 2; }));
     std::lock_guard<std::mutex> lock(m_Calls.mutex);
-    EXPECT_EQ((std::vector<std::string>{st_First.LocalAddr(), st_Second.LocalAddr()}), m_Calls.leaves);
-}
-
-TEST_F(UDXSocketTest, SilentPeerIsDroppedByTheSupervisor) {
-    Start(Config(true));
-    udxpeer::Options st_Options;
-    st_Options.bAutomatic = false;  // no ACKs: after CONNECT the peer says nothing
-    udxpeer::Peer st_Silent, st_Chatty;
-    ASSERT_TRUE(st_Silent.Open(m_nPort, st_Options));
-    ASSERT_TRUE(st_Chatty.Open(m_nPort));
-    ASSERT_TRUE(st_Silent.Connect(5s));
-    ASSERT_TRUE(st_Chatty.Connect(5s));
-    // 5-second intervals, 3 tolerated misses: about 20 s
-    ASSERT_TRUE(WaitFor([&] { return m_Calls.Leaves() == 1; }, 60s));
-    {
-        std::lock_guard<std::mutex> lock(m_Calls.mutex);
-        EXPECT_EQ(st_Silent.LocalAddr(), m_Calls.leaves[0]);
-    }
-    EXPECT_TRUE(WaitFor([&] { return st_Silent.CountOf(udxpeer::kClose) == 1; }));
-    EXPECT_EQ(0u, st_Chatty.CountOf(udxpeer::kClose)) << "a peer that keeps talking stays";
-    EXPECT_TRUE(Send(st_Chatty.LocalAddr(), "still supervised"));
+    EXPECT_EQ((std::vector<std::string>{strAddr, st_Second.LocalAddr()}), m_Calls.leaves);
 }
 
 // Messages carry their index, so that order and completeness can be checked.
@@ -256,70 +187,59 @@ std::string Message(char cDirection, int nIndex) {
     return strMsg;
 }
 
-TEST_F(UDXSocketTest, TwoThousandMessagesEachWayCrossALossyRelayInOrder) {
-    constexpr int kMessages = 2000;
+TEST_F(UDXSocketTest, MessagesCrossARelayThatDuplicatesAndReordersInOrderBothWays) {
+    constexpr int kMessages = 400;
     constexpr int kInFlight = 32;  // both senders wait while this many are undelivered
     Start(Config(true));
     udxpeer::LossyRelay st_Relay;
-    udxpeer::RelayOptions st_RelayOptions;  // 1% loss, 1% duplicates, 2% reordered, fixed seed
+    udxpeer::RelayOptions st_RelayOptions;
+    st_RelayOptions.dLoss = 0;
+    st_RelayOptions.dDuplicate = 0.03;
+    st_RelayOptions.dReorder = 0.05;
     ASSERT_TRUE(st_Relay.Start(m_nPort, st_RelayOptions));
     udxpeer::Peer st_Peer;
     ASSERT_TRUE(st_Peer.Open(st_Relay.Port()));
     ASSERT_TRUE(st_Peer.Connect(10s));
     const std::string strAddr = st_Relay.Addr();
-    ASSERT_TRUE(WaitFor([&] { return m_Calls.Logins().size() == 1; }));
 
-    const auto tDeadline = std::chrono::steady_clock::now() + 100s;
+    const auto tDeadline = std::chrono::steady_clock::now() + 60s;
     auto InTime = [&] { return std::chrono::steady_clock::now() < tDeadline; };
     std::atomic<int> nAtEndpoint{0}, nAtPeer{0};
     std::atomic<bool> bOrderBroken{false};
-
-    // peer -> endpoint: the endpoint's application fetches
+    // peer -> endpoint, fetched by the endpoint's application
     std::thread st_Reader([&] {
-        char tszBuffer[2048];
-        int nLen = 0;
-        while (nAtEndpoint < kMessages && InTime()) {
-            if (!NetCore_UDXSocket_RecvEx(m_hUDX, strAddr.c_str(), tszBuffer, &nLen)) {
-                std::this_thread::sleep_for(1ms);
-                continue;
-            }
-            if (std::string(tszBuffer, static_cast<size_t>(nLen)) != Message('p', nAtEndpoint)) bOrderBroken = true;
+        std::string strOut;
+        while (nAtEndpoint < kMessages && Fetch(strAddr, &strOut, 10s) && InTime()) {
+            if (strOut != Message('p', nAtEndpoint)) bOrderBroken = true;
             ++nAtEndpoint;
         }
     });
     std::thread st_PeerWriter([&] {
         for (int i = 0; i < kMessages && InTime(); ++i) {
             while (i - nAtEndpoint >= kInFlight && InTime())
-                std::this_thread::sleep_for(1ms);
+                std::this_thread::yield();
             st_Peer.Send(Message('p', i));
         }
     });
     // endpoint -> peer
-    std::thread st_PeerReader([&] {
-        std::string strOut;
-        while (nAtPeer < kMessages && InTime()) {
-            if (!st_Peer.Recv(&strOut, 100ms)) continue;
+    std::string strOut;
+    for (int i = 0; i < kMessages && InTime(); ++i) {
+        ASSERT_TRUE(Send(strAddr, Message('e', i))) << i << " " << std::hex << NetCore_GetLastError(nullptr);
+        while (nAtPeer <= i - kInFlight && st_Peer.Recv(&strOut, 10s)) {
             if (strOut != Message('e', nAtPeer)) bOrderBroken = true;
             ++nAtPeer;
         }
-    });
-    for (int i = 0; i < kMessages && InTime(); ++i) {
-        while (i - nAtPeer >= kInFlight && InTime())
-            std::this_thread::sleep_for(1ms);
-        if (!Send(strAddr, Message('e', i))) {
-            ADD_FAILURE() << "send " << i << " failed: " << std::hex << NetCore_GetLastError(nullptr);
-            break;
-        }
+    }
+    while (nAtPeer < kMessages && st_Peer.Recv(&strOut, 10s)) {
+        if (strOut != Message('e', nAtPeer)) bOrderBroken = true;
+        ++nAtPeer;
     }
     st_PeerWriter.join();
     st_Reader.join();
-    st_PeerReader.join();
-
     EXPECT_FALSE(bOrderBroken);
     EXPECT_EQ(kMessages, nAtEndpoint.load());
     EXPECT_EQ(kMessages, nAtPeer.load());
     udxpeer::RelayStats st_Stats = st_Relay.Stats();
-    EXPECT_GT(st_Stats.nDropped, 0u);
     EXPECT_GT(st_Stats.nDuplicated, 0u);
     EXPECT_GT(st_Stats.nReordered, 0u);
     EXPECT_EQ(0u, m_Calls.Leaves());
