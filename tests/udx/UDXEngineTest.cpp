@@ -2,7 +2,6 @@
 // hook, and time is whatever the test says it is.
 #include <cstdio>
 #include <cstring>
-#include <functional>
 #include <memory>
 #include <string>
 #include <utility>
@@ -300,7 +299,8 @@ TEST_F(EngineTest, AckPrunesKeptPacketsResendsOldOnesAndRequestsAreAnsweredOnThe
     EXPECT_EQ("9000#10:3 9000#11:3", Taken()) << "resent again on every ACK that leaves them in place";
 }
 
-TEST_F(EngineTest, ResendGoneSkipsTheSerialOrClosesInStrictMode) {
+TEST_F(EngineTest, PeerCloseStrictResendGoneOrTheApplicationEndTheSessionOnTheNextPass) {
+    // outside strict mode RESEND_GONE only skips the lost serial
     Connected(Config(kOrder));
     ASSERT_TRUE(Feed(Data(1, "1")));
     EXPECT_EQ("", Drain());
@@ -309,32 +309,22 @@ TEST_F(EngineTest, ResendGoneSkipsTheSerialOrClosesInStrictMode) {
     EXPECT_EQ(0u, State().nResend);
     EXPECT_EQ("1", Drain());
 
-    Connected(Config(kOrder | kReliable | kStrict | kHeartBeat));
-    ASSERT_TRUE(Feed(Control(udxpeer::kResendGone, 0)));
-    EXPECT_EQ(1u, m_Engine->SessionCount()) << "the close is deferred";
-    m_Log.clear();
-    m_Engine->RunCloses();
-    EXPECT_EQ(0u, m_Engine->SessionCount());
-    EXPECT_EQ("9102#0:0", Taken());
-    EXPECT_EQ((std::vector<std::string>{"removed 10.0.0.7:4000", "leave 10.0.0.7:4000"}), m_Log);
-}
-
-TEST_F(EngineTest, CloseFromThePeerOrTheApplicationEndsTheSession) {
-    Connected(Config(kOrder | kReliable | kHeartBeat));
-    ASSERT_TRUE(Feed(Control(udxpeer::kClose, 0)));
-    EXPECT_EQ(std::vector<std::string>{"active 10.0.0.7:4000"}, m_Log);
-    m_Engine->RunCloses();
-    EXPECT_EQ(0u, m_Engine->SessionCount());
-    EXPECT_EQ("9102#0:0", Taken());
+    for (int nHow = 0; nHow < 3; nHow++) {
+        SCOPED_TRACE(nHow);
+        Connected(Config(kOrder | kReliable | kStrict | kHeartBeat));
+        EXPECT_TRUE(nHow == 2 ? m_Engine->Close(kPeer) && m_Engine->Close(kPeer)
+                              : Feed(Control(nHow == 0 ? udxpeer::kClose : udxpeer::kResendGone, 0)));
+        EXPECT_EQ(1u, m_Engine->SessionCount()) << "the close is deferred";
+        m_Engine->RunCloses();
+        EXPECT_EQ(0u, m_Engine->SessionCount());
+        std::vector<std::string> log = {"removed 10.0.0.7:4000", "leave 10.0.0.7:4000"};
+        if (nHow < 2) log.insert(log.begin(), "active 10.0.0.7:4000");
+        // the application's second close finds no session but still sends CLOSE
+        if (nHow == 2) log.push_back("leave 10.0.0.7:4000");
+        EXPECT_EQ(log, m_Log);
+        EXPECT_EQ(nHow == 2 ? "9102#0:0 9102#0:0" : "9102#0:0", Taken());
+    }
     ExpectCode(Feed(Data(0, "late")), ERROR_NETCORE_UDX_PARSE_NOTFOUND);
-
-    // the application's close, twice: the second finds no session but still sends CLOSE
-    Connected(Config(kOrder | kReliable | kHeartBeat));
-    EXPECT_TRUE(m_Engine->Close(kPeer));
-    EXPECT_TRUE(m_Engine->Close(kPeer));
-    m_Engine->RunCloses();
-    EXPECT_EQ("9102#0:0 9102#0:0", Taken());
-    EXPECT_EQ((std::vector<std::string>{"removed 10.0.0.7:4000", "leave 10.0.0.7:4000", "leave 10.0.0.7:4000"}), m_Log);
 }
 
 TEST_F(EngineTest, SmallMessagesWaitForTheMergingPassAndFollowTheTwentyMsRule) {
@@ -385,35 +375,6 @@ TEST_F(EngineTest, SmallMessagesWaitForTheMergingPassAndFollowTheTwentyMsRule) {
     m_Engine->RunMtap(100);
     ASSERT_EQ(1u, m_Wire.size());
     EXPECT_EQ(2048u, m_Wire[0].size());
-}
-
-TEST_F(EngineTest, ArgumentsAndUnknownPeersAreRefusedWithTheirCodes) {
-    Connected(Config(kOrder));
-    char tszBuffer[2048];
-    int nLen = 0;
-    UDXEngine& e = *m_Engine;
-    const std::vector<std::pair<std::function<bool()>, unsigned long long>> rows = {
-        {[&] { return e.Send("10.0.0.8:1", "x", 1, 0); }, ERROR_NETCORE_UDX_SEND_NOTFOUND},
-        {[&] { return e.Send(nullptr, "x", 1, 0); }, ERROR_NETCORE_UDX_SEND_NOTFOUND},
-        {[&] { return e.Send(kPeer, nullptr, 1, 0); }, ERROR_NETCORE_UDX_SEND_PARAMENT},
-        {[&] { return e.Send(kPeer, "x", -1, 0); }, ERROR_NETCORE_UDX_SEND_PARAMENT},
-        // the peer is looked up before the length is judged
-        {[&] { return e.Send("10.0.0.8:1", "x", -1, 0); }, ERROR_NETCORE_UDX_SEND_NOTFOUND},
-        {[&] { return e.Recv(kPeer, nullptr, &nLen, 0); }, ERROR_NETCORE_UDX_RECV_PARAMENT},
-        {[&] { return e.Recv(kPeer, tszBuffer, nullptr, 0); }, ERROR_NETCORE_UDX_RECV_PARAMENT},
-        {[&] { return e.Recv(nullptr, tszBuffer, &nLen, 0); }, ERROR_NETCORE_UDX_RECV_PARAMENT},
-        {[&] { return e.Recv("1.2.3.4:5", tszBuffer, &nLen, 0); }, ERROR_NETCORE_UDX_RECV_NOTFOUND},
-        {[&] { return e.Recv(kPeer, tszBuffer, &nLen, 0); }, ERROR_NETCORE_UDX_RECV_EMPTY},
-        {[&] { return e.Accept(nullptr, 0); }, ERROR_NETCORE_UDX_ACCEPT_PARAMENT},
-        {[&] { return e.Parse(kPeer, nullptr, 30, 0); }, ERROR_NETCORE_UDX_PARSE_PARAMENT},
-        {[&] { return e.Parse(nullptr, "x", 1, 0); }, ERROR_NETCORE_UDX_PARSE_PARAMENT},
-    };
-    for (size_t i = 0; i < rows.size(); i++) {
-        SCOPED_TRACE(i);
-        nctest::ResetErrorState();
-        ExpectCode(rows[i].first(), rows[i].second);
-    }
-    EXPECT_TRUE(m_Wire.empty());
 }
 
 }  // namespace
