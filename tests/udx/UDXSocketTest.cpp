@@ -1,14 +1,10 @@
 // UDX endpoints through the exported handle functions, with a real peer on loopback, directly or
-// through a lossy relay.
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
-#include <atomic>
+// through a relay that duplicates and reorders. Loss recovery waits for the protocol's one-second
+// timers, so its rules are pinned on the engine with a made-up clock instead.
 #include <chrono>
+#include <functional>
 #include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "../../tools/udxpeer/LossyRelay.h"
@@ -22,77 +18,46 @@ using namespace std::chrono_literals;
 using nctest::ErrorFlag;
 using nctest::WaitFor;
 
-tag_NetCore_UDXConfig Config(bool bHeartBeat, int nWindowSize = 0) {
-    tag_NetCore_UDXConfig st_Config{};
-    st_Config.bHeartBeat = bHeartBeat;
-    st_Config.bOrder = true;
-    st_Config.bReliable = true;
-    st_Config.bStrictResend = false;
-    st_Config.bMtap = false;
-    st_Config.nWindowSize = nWindowSize;
-    return st_Config;
-}
-
-// What the two callbacks saw.
-struct Calls {
-    std::mutex mutex;
-    std::vector<std::string> logins, leaves;
-    std::vector<void*> contexts;
-    std::atomic<void*> hGreeter{nullptr};  // when set, the login callback tries to greet the new peer
-    size_t Leaves() {
-        std::lock_guard<std::mutex> lock(mutex);
-        return leaves.size();
-    }
-    std::vector<std::string> Logins() {
-        std::lock_guard<std::mutex> lock(mutex);
-        return logins;
-    }
-};
-
-bool OnLogin(char const* lpszAddr, int hSocket, void* lParam) {
-    auto* calls = static_cast<Calls*>(lParam);
-    std::lock_guard<std::mutex> lock(calls->mutex);
-    calls->logins.push_back(lpszAddr);
-    calls->contexts.push_back(lParam);
-    EXPECT_EQ(0, hSocket);
-    if (void* hUDX = calls->hGreeter.load()) {
-        // nothing reaches the peer for its session before this callback has returned
-        EXPECT_FALSE(NetCore_UDXSocket_SendEx(hUDX, lpszAddr, "welcome", 7));
-        EXPECT_EQ(ERROR_NETCORE_UDX_SEND_NOTFOUND, NetCore_GetLastError(nullptr));
-    }
-    return false;  // the result is not used: the session stays
-}
-
-void OnLeave(char const* lpszAddr, int hSocket, void* lParam) {
-    auto* calls = static_cast<Calls*>(lParam);
-    std::lock_guard<std::mutex> lock(calls->mutex);
-    calls->leaves.push_back(lpszAddr);
-    EXPECT_EQ(0, hSocket);
-}
-
-int FreeUdpPort() {
-    int port = 0;
-    nctest::Fd fd = nctest::BindUdp(AF_INET, &port);
-    return port;
-}
-
 class UDXSocketTest : public nctest::NetCoreTest {
 protected:
     void TearDown() override {
-        if (m_hUDX != nullptr) {
-            EXPECT_TRUE(NetCore_UDXSocket_DestroyEx(m_hUDX));
-        }
-        m_hUDX = nullptr;
+        EXPECT_TRUE(m_hUDX == nullptr || NetCore_UDXSocket_DestroyEx(m_hUDX));
         nctest::NetCoreTest::TearDown();
     }
+    static bool OnLogin(char const* lpszAddr, int hSocket, void* lParam) {
+        auto* self = static_cast<UDXSocketTest*>(lParam);
+        EXPECT_EQ(0, hSocket);
+        // nothing reaches the peer for its session before this callback has returned
+        EXPECT_FALSE(self->Send(lpszAddr, "welcome"));
+        EXPECT_EQ(ERROR_NETCORE_UDX_SEND_NOTFOUND, NetCore_GetLastError(nullptr));
+        std::lock_guard<std::mutex> lock(self->m_Mutex);
+        self->m_Calls.push_back(std::string("login ") + lpszAddr);
+        return false;  // the result is not used: the session stays
+    }
+    static void OnLeave(char const* lpszAddr, int hSocket, void* lParam) {
+        auto* self = static_cast<UDXSocketTest*>(lParam);
+        EXPECT_EQ(0, hSocket);
+        std::lock_guard<std::mutex> lock(self->m_Mutex);
+        self->m_Calls.push_back(std::string("leave ") + lpszAddr);
+    }
+    std::vector<std::string> Calls() {
+        std::lock_guard<std::mutex> lock(m_Mutex);
+        return m_Calls;
+    }
     // Starts an endpoint on a free port (probed, so retried if another process takes it first).
-    void Start(tag_NetCore_UDXConfig st_Config) {
+    void Start(bool bHeartBeat, int nWindowSize = 0) {
+        tag_NetCore_UDXConfig st_Config{};
+        st_Config.bHeartBeat = bHeartBeat;
+        st_Config.bOrder = st_Config.bReliable = true;
+        st_Config.nWindowSize = nWindowSize;
         for (int i = 0; i < 5 && m_hUDX == nullptr; ++i) {
-            m_nPort = FreeUdpPort();
+            nctest::Fd fd = nctest::BindUdp(AF_INET, &m_nPort);
+            fd.Reset();
             m_hUDX = NetCore_UDXSocket_InitEx(&st_Config, m_nPort, 1);
         }
         ASSERT_NE(nullptr, m_hUDX);
-        ASSERT_TRUE(NetCore_UDXSocket_CBSetEx(m_hUDX, OnLogin, OnLeave, &m_Calls, &m_Calls));
+        ExpectCode(NetCore_UDXSocket_CBSetEx(m_hUDX, OnLogin, nullptr, this, this), ERROR_NETCORE_UDX_CBSET_PARAMENT);
+        ASSERT_TRUE(NetCore_UDXSocket_CBSetEx(m_hUDX, OnLogin, OnLeave, this, this));
     }
     // Fetches the next message of a peer, waiting for it.
     bool Fetch(const std::string& strAddr, std::string* pStr_Out, std::chrono::milliseconds timeout = 5s) {
@@ -106,223 +71,139 @@ protected:
     bool Send(const std::string& strAddr, const std::string& strMsg) {
         return NetCore_UDXSocket_SendEx(m_hUDX, strAddr.c_str(), strMsg.data(), static_cast<int>(strMsg.size()));
     }
+    static void ExpectCode(bool bResult, unsigned long long nCode) {
+        EXPECT_FALSE(bResult);
+        EXPECT_TRUE(ErrorFlag());
+        EXPECT_EQ(nCode, NetCore_GetLastError(nullptr)) << std::hex << nCode;
+    }
 
     void* m_hUDX = nullptr;
     int m_nPort = 0;
-    Calls m_Calls;
+    std::mutex m_Mutex;
+    std::vector<std::string> m_Calls;
 };
 
-TEST_F(UDXSocketTest, NullHandlesAndAMissingConfigurationFail) {
+TEST_F(UDXSocketTest, ArgumentsHandlesAndUnknownPeersAreRefusedWithTheirCodes) {
+    Start(false);
+    udxpeer::Peer st_Peer;
+    ASSERT_TRUE(st_Peer.Open(m_nPort));
+    ASSERT_TRUE(st_Peer.Connect(5s));
+    const std::string strAddr = st_Peer.LocalAddr();
+    const char* lpszAddr = strAddr.c_str();
     char tszBuffer[2048];
     int nLen = 0;
-    auto ExpectHandleNull = [](bool bResult) {
-        EXPECT_FALSE(bResult);
-        EXPECT_TRUE(ErrorFlag());
-        EXPECT_EQ(ERROR_NETCORE_UDX_HANDLE_NULL, NetCore_GetLastError(nullptr));
+    void* h = m_hUDX;
+    const std::vector<std::pair<std::function<bool()>, unsigned long long>> rows = {
+        {[&] { return NetCore_UDXSocket_SendEx(h, "127.0.0.1:9", "x", 1); }, ERROR_NETCORE_UDX_SEND_NOTFOUND},
+        {[&] { return NetCore_UDXSocket_SendEx(h, nullptr, "x", 1); }, ERROR_NETCORE_UDX_SEND_NOTFOUND},
+        {[&] { return NetCore_UDXSocket_SendEx(h, lpszAddr, nullptr, 1); }, ERROR_NETCORE_UDX_SEND_PARAMENT},
+        {[&] { return NetCore_UDXSocket_SendEx(h, lpszAddr, "x", -1); }, ERROR_NETCORE_UDX_SEND_PARAMENT},
+        // the peer is looked up before the length is judged
+        {[&] { return NetCore_UDXSocket_SendEx(h, "127.0.0.1:9", "x", -1); }, ERROR_NETCORE_UDX_SEND_NOTFOUND},
+        {[&] { return NetCore_UDXSocket_RecvEx(h, lpszAddr, nullptr, &nLen); }, ERROR_NETCORE_UDX_RECV_PARAMENT},
+        {[&] { return NetCore_UDXSocket_RecvEx(h, lpszAddr, tszBuffer, nullptr); }, ERROR_NETCORE_UDX_RECV_PARAMENT},
+        {[&] { return NetCore_UDXSocket_RecvEx(h, nullptr, tszBuffer, &nLen); }, ERROR_NETCORE_UDX_RECV_PARAMENT},
+        {[&] { return NetCore_UDXSocket_RecvEx(h, "127.0.0.1:9", tszBuffer, &nLen); }, ERROR_NETCORE_UDX_RECV_NOTFOUND},
+        {[&] { return NetCore_UDXSocket_RecvEx(h, lpszAddr, tszBuffer, &nLen); }, ERROR_NETCORE_UDX_RECV_EMPTY},
+        {[&] { return NetCore_UDXSocket_SendEx(nullptr, lpszAddr, "x", 1); }, ERROR_NETCORE_UDX_HANDLE_NULL},
+        {[&] { return NetCore_UDXSocket_RecvEx(nullptr, lpszAddr, tszBuffer, &nLen); }, ERROR_NETCORE_UDX_HANDLE_NULL},
+        {[&] { return NetCore_UDXSocket_CBSetEx(nullptr, OnLogin, OnLeave, this, this); },
+         ERROR_NETCORE_UDX_HANDLE_NULL},
+        {[&] { return NetCore_UDXSocket_CloseEx(nullptr, lpszAddr); }, ERROR_NETCORE_UDX_HANDLE_NULL},
+        {[&] { return NetCore_UDXSocket_DestroyEx(nullptr); }, ERROR_NETCORE_UDX_HANDLE_NULL},
+        {[&] { return NetCore_UDXSocket_InitEx(nullptr, 0, 1) != nullptr; }, ERROR_NETCORE_UDX_INIT_PARAMENT},
     };
-    ExpectHandleNull(NetCore_UDXSocket_SendEx(nullptr, "127.0.0.1:1", "x", 1));
-    ExpectHandleNull(NetCore_UDXSocket_RecvEx(nullptr, "127.0.0.1:1", tszBuffer, &nLen));
-    ExpectHandleNull(NetCore_UDXSocket_CBSetEx(nullptr, OnLogin, OnLeave, nullptr, nullptr));
-    ExpectHandleNull(NetCore_UDXSocket_CloseEx(nullptr, "127.0.0.1:1"));
-    ExpectHandleNull(NetCore_UDXSocket_DestroyEx(nullptr));
-
-    EXPECT_EQ(nullptr, NetCore_UDXSocket_InitEx(nullptr, FreeUdpPort(), 1));
-    EXPECT_TRUE(ErrorFlag());
-    EXPECT_EQ(ERROR_NETCORE_UDX_INIT_PARAMENT, NetCore_GetLastError(nullptr));
+    for (size_t i = 0; i < rows.size(); i++) {
+        SCOPED_TRACE(i);
+        nctest::ResetErrorState();
+        ExpectCode(rows[i].first(), rows[i].second);
+    }
+    // without supervision a close is accepted and never carried out
+    EXPECT_TRUE(NetCore_UDXSocket_CloseEx(h, lpszAddr));
+    EXPECT_FALSE(ErrorFlag());
+    EXPECT_TRUE(Send(strAddr, "still here"));
+    std::string strOut;
+    EXPECT_TRUE(st_Peer.Recv(&strOut, 5s));
+    EXPECT_TRUE(Calls().empty());
 }
 
-TEST_F(UDXSocketTest, PeerConnectsAndMessagesTravelBothWays) {
-    Start(Config(true, 65536));
-    EXPECT_FALSE(NetCore_UDXSocket_CBSetEx(m_hUDX, OnLogin, nullptr, nullptr, nullptr));
-    EXPECT_EQ(ERROR_NETCORE_UDX_CBSET_PARAMENT, NetCore_GetLastError(nullptr));
-    ASSERT_TRUE(NetCore_UDXSocket_CBSetEx(m_hUDX, OnLogin, OnLeave, &m_Calls, &m_Calls));
-    m_Calls.hGreeter = m_hUDX;
-
+TEST_F(UDXSocketTest, PeerConnectsAndMessagesTravelBothWaysUntilEitherSideCloses) {
+    Start(true, 65536);
     udxpeer::Peer st_Peer;
     ASSERT_TRUE(st_Peer.Open(m_nPort));
     ASSERT_TRUE(st_Peer.Connect(5s));
     EXPECT_EQ(65536u, st_Peer.GrantedWindow());
     const std::string strAddr = st_Peer.LocalAddr();
-    ASSERT_TRUE(WaitFor([&] { return m_Calls.Logins().size() == 1; }));
-    EXPECT_EQ(strAddr, m_Calls.Logins()[0]);
+    ASSERT_TRUE(WaitFor([&] { return Calls().size() == 1; }));
+    EXPECT_EQ("login " + strAddr, Calls()[0]);
     std::string strOut;
-
     st_Peer.Send("hello");
     st_Peer.Send(std::string(2801, 'L'));
-    ASSERT_TRUE(Fetch(strAddr, &strOut));
-    EXPECT_EQ("hello", strOut);
     // a long message arrives as its 1400-byte pieces
-    for (size_t nPiece : {1400u, 1400u, 1u}) {
+    for (const std::string& strExpected :
+         {std::string("hello"), std::string(1400, 'L'), std::string(1400, 'L'), std::string(1, 'L')}) {
         ASSERT_TRUE(Fetch(strAddr, &strOut));
-        EXPECT_EQ(std::string(nPiece, 'L'), strOut);
+        EXPECT_EQ(strExpected, strOut);
     }
-    char tszBuffer[2048];
-    int nLen = 0;
-    EXPECT_FALSE(NetCore_UDXSocket_RecvEx(m_hUDX, strAddr.c_str(), tszBuffer, &nLen));
-    EXPECT_EQ(ERROR_NETCORE_UDX_RECV_EMPTY, NetCore_GetLastError(nullptr));
-
     ASSERT_TRUE(Send(strAddr, "world"));
     EXPECT_FALSE(ErrorFlag());
     ASSERT_TRUE(Send(strAddr, std::string(2800, 'R')));
-    ASSERT_TRUE(st_Peer.Recv(&strOut, 5s));
-    EXPECT_EQ("world", strOut);
-    ASSERT_TRUE(st_Peer.Recv(&strOut, 5s));
-    EXPECT_EQ(std::string(1400, 'R'), strOut);
-    ASSERT_TRUE(st_Peer.Recv(&strOut, 5s));
-
-    EXPECT_FALSE(Send("127.0.0.1:9", "nobody"));
-    EXPECT_EQ(ERROR_NETCORE_UDX_SEND_NOTFOUND, NetCore_GetLastError(nullptr));
-    EXPECT_FALSE(NetCore_UDXSocket_RecvEx(m_hUDX, "127.0.0.1:9", tszBuffer, &nLen));
-    EXPECT_EQ(ERROR_NETCORE_UDX_RECV_NOTFOUND, NetCore_GetLastError(nullptr));
-}
-
-TEST_F(UDXSocketTest, SendCreditComesFromTheConnectingPeer) {
-    Start(Config(false));
-    udxpeer::Options st_Options;
-    st_Options.nWindow = 1000;
-    udxpeer::Peer st_Peer;
-    ASSERT_TRUE(st_Peer.Open(m_nPort, st_Options));
-    ASSERT_TRUE(st_Peer.Connect(5s));
-    EXPECT_EQ(0u, st_Peer.GrantedWindow());
-    const std::string strAddr = st_Peer.LocalAddr();
-    EXPECT_FALSE(Send(strAddr, std::string(1001, 'w')));
-    EXPECT_EQ(ERROR_NETCORE_UDX_SEND_WINDOW, NetCore_GetLastError(nullptr));
-    EXPECT_TRUE(Send(strAddr, std::string(1000, 'w')));
-    std::string strOut;
-    ASSERT_TRUE(st_Peer.Recv(&strOut, 5s));
-    EXPECT_EQ(1000u, strOut.size()) << "the refused message used no serial";
-}
-
-TEST_F(UDXSocketTest, CloseNeedsSupervisionAndEndsTheSessionWithALeave) {
-    // without bHeartBeat a close is accepted and changes nothing
-    Start(Config(false));
-    {
-        udxpeer::Peer st_Peer;
-        ASSERT_TRUE(st_Peer.Open(m_nPort));
-        ASSERT_TRUE(st_Peer.Connect(5s));
-        EXPECT_TRUE(NetCore_UDXSocket_CloseEx(m_hUDX, st_Peer.LocalAddr().c_str()));
-        EXPECT_FALSE(ErrorFlag());
-        std::this_thread::sleep_for(50ms);  // give a wrongly carried-out close the chance to show
-        EXPECT_TRUE(Send(st_Peer.LocalAddr(), "still here"));
-        EXPECT_EQ(0u, st_Peer.CountOf(udxpeer::kClose));
-        EXPECT_TRUE(m_Calls.Logins().empty());
+    for (const std::string& strExpected : {std::string("world"), std::string(1400, 'R'), std::string(1400, 'R')}) {
+        ASSERT_TRUE(st_Peer.Recv(&strOut, 5s));
+        EXPECT_EQ(strExpected, strOut);
     }
-    ASSERT_TRUE(NetCore_UDXSocket_DestroyEx(m_hUDX));
-    m_hUDX = nullptr;
-
-    Start(Config(true));
-    udxpeer::Peer st_First, st_Second;
-    ASSERT_TRUE(st_First.Open(m_nPort));
-    ASSERT_TRUE(st_Second.Open(m_nPort));
-    ASSERT_TRUE(st_First.Connect(5s));
-    ASSERT_TRUE(st_Second.Connect(5s));
     // closed by the application: CLOSE goes to the peer, the leave callback follows
-    EXPECT_TRUE(NetCore_UDXSocket_CloseEx(m_hUDX, st_First.LocalAddr().c_str()));
-    ASSERT_TRUE(WaitFor([&] { return m_Calls.Leaves() == 1; }));
-    EXPECT_TRUE(WaitFor([&] { return st_First.CountOf(udxpeer::kClose) == 1; }));
-    EXPECT_FALSE(Send(st_First.LocalAddr(), "gone"));
-    EXPECT_EQ(ERROR_NETCORE_UDX_SEND_NOTFOUND, NetCore_GetLastError(nullptr));
+    EXPECT_TRUE(NetCore_UDXSocket_CloseEx(m_hUDX, strAddr.c_str()));
+    ASSERT_TRUE(WaitFor([&] { return Calls().size() == 2; }));
+    EXPECT_TRUE(WaitFor([&] { return st_Peer.CountOf(udxpeer::kClose) == 1; }));
+    ExpectCode(Send(strAddr, "gone"), ERROR_NETCORE_UDX_SEND_NOTFOUND);
     // closed by the peer
+    udxpeer::Peer st_Second;
+    ASSERT_TRUE(st_Second.Open(m_nPort));
+    ASSERT_TRUE(st_Second.Connect(5s));
     st_Second.SendClose();
-    ASSERT_TRUE(WaitFor([&] { return m_Calls.Leaves() == 2; }));
-    std::lock_guard<std::mutex> lock(m_Calls.mutex);
-    EXPECT_EQ((std::vector<std::string>{st_First.LocalAddr(), st_Second.LocalAddr()}), m_Calls.leaves);
-}
-
-TEST_F(UDXSocketTest, SilentPeerIsDroppedByTheSupervisor) {
-    Start(Config(true));
-    udxpeer::Options st_Options;
-    st_Options.bAutomatic = false;  // no ACKs: after CONNECT the peer says nothing
-    udxpeer::Peer st_Silent, st_Chatty;
-    ASSERT_TRUE(st_Silent.Open(m_nPort, st_Options));
-    ASSERT_TRUE(st_Chatty.Open(m_nPort));
-    ASSERT_TRUE(st_Silent.Connect(5s));
-    ASSERT_TRUE(st_Chatty.Connect(5s));
-    // 5-second intervals, 3 tolerated misses: about 20 s
-    ASSERT_TRUE(WaitFor([&] { return m_Calls.Leaves() == 1; }, 60s));
-    {
-        std::lock_guard<std::mutex> lock(m_Calls.mutex);
-        EXPECT_EQ(st_Silent.LocalAddr(), m_Calls.leaves[0]);
-    }
-    EXPECT_TRUE(WaitFor([&] { return st_Silent.CountOf(udxpeer::kClose) == 1; }));
-    EXPECT_EQ(0u, st_Chatty.CountOf(udxpeer::kClose)) << "a peer that keeps talking stays";
-    EXPECT_TRUE(Send(st_Chatty.LocalAddr(), "still supervised"));
+    ASSERT_TRUE(WaitFor([&] { return Calls().size() == 4; }));
+    const std::string strSecond = st_Second.LocalAddr();
+    EXPECT_EQ(
+        (std::vector<std::string>{"login " + strAddr, "leave " + strAddr, "login " + strSecond, "leave " + strSecond}),
+        Calls());
 }
 
 // Messages carry their index, so that order and completeness can be checked.
 std::string Message(char cDirection, int nIndex) {
-    std::string strMsg = std::string(1, cDirection) + std::to_string(nIndex) + ":";
-    strMsg.append(static_cast<size_t>((nIndex * 37) % 1300), static_cast<char>('a' + nIndex % 26));
-    return strMsg;
+    return cDirection + std::to_string(nIndex) + ":" + std::string(static_cast<size_t>((nIndex * 37) % 1300), 'm');
 }
 
-TEST_F(UDXSocketTest, TwoThousandMessagesEachWayCrossALossyRelayInOrder) {
-    constexpr int kMessages = 2000;
-    constexpr int kInFlight = 32;  // both senders wait while this many are undelivered
-    Start(Config(true));
+TEST_F(UDXSocketTest, MessagesCrossARelayThatDuplicatesAndReordersInOrderBothWays) {
+    constexpr int kMessages = 400;
+    constexpr int kInFlight = 32;  // fetched this far behind, so the socket buffers never overflow
+    Start(true);
     udxpeer::LossyRelay st_Relay;
-    udxpeer::RelayOptions st_RelayOptions;  // 1% loss, 1% duplicates, 2% reordered, fixed seed
+    udxpeer::RelayOptions st_RelayOptions;
+    st_RelayOptions.dLoss = 0;
+    st_RelayOptions.dDuplicate = 0.03;
+    st_RelayOptions.dReorder = 0.05;
     ASSERT_TRUE(st_Relay.Start(m_nPort, st_RelayOptions));
     udxpeer::Peer st_Peer;
     ASSERT_TRUE(st_Peer.Open(st_Relay.Port()));
     ASSERT_TRUE(st_Peer.Connect(10s));
     const std::string strAddr = st_Relay.Addr();
-    ASSERT_TRUE(WaitFor([&] { return m_Calls.Logins().size() == 1; }));
-
-    const auto tDeadline = std::chrono::steady_clock::now() + 100s;
-    auto InTime = [&] { return std::chrono::steady_clock::now() < tDeadline; };
-    std::atomic<int> nAtEndpoint{0}, nAtPeer{0};
-    std::atomic<bool> bOrderBroken{false};
-
-    // peer -> endpoint: the endpoint's application fetches
-    std::thread st_Reader([&] {
-        char tszBuffer[2048];
-        int nLen = 0;
-        while (nAtEndpoint < kMessages && InTime()) {
-            if (!NetCore_UDXSocket_RecvEx(m_hUDX, strAddr.c_str(), tszBuffer, &nLen)) {
-                std::this_thread::sleep_for(1ms);
-                continue;
-            }
-            if (std::string(tszBuffer, static_cast<size_t>(nLen)) != Message('p', nAtEndpoint)) bOrderBroken = true;
-            ++nAtEndpoint;
-        }
-    });
-    std::thread st_PeerWriter([&] {
-        for (int i = 0; i < kMessages && InTime(); ++i) {
-            while (i - nAtEndpoint >= kInFlight && InTime())
-                std::this_thread::sleep_for(1ms);
+    std::string strOut;
+    for (int i = 0; i < kMessages + kInFlight; ++i) {
+        if (i < kMessages) {
             st_Peer.Send(Message('p', i));
+            ASSERT_TRUE(Send(strAddr, Message('e', i))) << i << " " << std::hex << NetCore_GetLastError(nullptr);
         }
-    });
-    // endpoint -> peer
-    std::thread st_PeerReader([&] {
-        std::string strOut;
-        while (nAtPeer < kMessages && InTime()) {
-            if (!st_Peer.Recv(&strOut, 100ms)) continue;
-            if (strOut != Message('e', nAtPeer)) bOrderBroken = true;
-            ++nAtPeer;
-        }
-    });
-    for (int i = 0; i < kMessages && InTime(); ++i) {
-        while (i - nAtPeer >= kInFlight && InTime())
-            std::this_thread::sleep_for(1ms);
-        if (!Send(strAddr, Message('e', i))) {
-            ADD_FAILURE() << "send " << i << " failed: " << std::hex << NetCore_GetLastError(nullptr);
-            break;
-        }
+        if (i < kInFlight) continue;
+        ASSERT_TRUE(Fetch(strAddr, &strOut));
+        ASSERT_EQ(Message('p', i - kInFlight), strOut);
+        ASSERT_TRUE(st_Peer.Recv(&strOut, 5s));
+        ASSERT_EQ(Message('e', i - kInFlight), strOut);
     }
-    st_PeerWriter.join();
-    st_Reader.join();
-    st_PeerReader.join();
-
-    EXPECT_FALSE(bOrderBroken);
-    EXPECT_EQ(kMessages, nAtEndpoint.load());
-    EXPECT_EQ(kMessages, nAtPeer.load());
     udxpeer::RelayStats st_Stats = st_Relay.Stats();
-    EXPECT_GT(st_Stats.nDropped, 0u);
     EXPECT_GT(st_Stats.nDuplicated, 0u);
     EXPECT_GT(st_Stats.nReordered, 0u);
-    EXPECT_EQ(0u, m_Calls.Leaves());
+    EXPECT_EQ(1u, Calls().size()) << "the login only";
     st_Peer.Stop();
     st_Relay.Stop();
 }
