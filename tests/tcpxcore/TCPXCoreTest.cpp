@@ -1,6 +1,8 @@
 // The TCP epoll server through its exported handle functions, with real loopback clients: one
 // started server per case, recording every callback.
+#include <fcntl.h>
 #include <sys/ioctl.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -66,17 +68,12 @@ class TCPXCoreTest : public nctest::NetCoreTest {
 protected:
     void SetUp() override {
         NetCoreTest::SetUp();
-        Start();
+        m_xhNet = StartOne(100, 1, 4, AF_INET, &m_nPort);
     }
     void TearDown() override {
         EXPECT_EQ(0u, m_nLoginAverages.load());
         Stop();
         NetCoreTest::TearDown();
-    }
-    void Start(int nMaxClient = 100, int nThreads = 1, int nFlowPeriod = 4, int nFamily = AF_INET) {
-        Stop();
-        m_stlEvents.clear();
-        m_xhNet = StartOne(nMaxClient, nThreads, nFlowPeriod, nFamily, &m_nPort);
     }
     // A free port can be taken by someone else between the probe and the start: retried.
     void* StartOne(int nMaxClient, int nThreads, int nFlowPeriod, int nFamily, int* pnPort) {
@@ -239,7 +236,7 @@ TEST_F(TCPXCoreTest, ClientLifeReachesEveryCallbackAndQuery) {
 TEST_F(TCPXCoreTest, ManyClientsEchoConcurrentlyOnOneThreadPerHardwareThread) {
     Stop();
     int nThreads = nctest::CountThreads();
-    Start(100, 0);
+    m_xhNet = StartOne(100, 0, 4, AF_INET, &m_nPort);
     EXPECT_TRUE(WaitFor([&] {
         return nctest::CountThreads() - nThreads == static_cast<int>(std::max(1u, std::thread::hardware_concurrency()));
     }));
@@ -417,6 +414,20 @@ TEST_F(TCPXCoreTest, BusyPortFailsAndASecondServerAdmitsItsOwnClientsUpToItsLimi
     ASSERT_TRUE(NetCore_TCPXCore_SendEx(xhTwo, strB.c_str(), "six", 3, 3, -1));
     EXPECT_EQ("six", ReadExactly(b.Get(), 3));
     EXPECT_TRUE(NetCore_TCPXCore_DestroyEx(xhTwo, false));
+}
+
+TEST_F(TCPXCoreTest, SendsWaitForWritabilityOnSocketsNumberedAboveFdSetSize) {
+    rlimit st_Limit{};
+    ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &st_Limit));
+    if (st_Limit.rlim_cur < FD_SETSIZE + 64) GTEST_SKIP() << "descriptor limit too low";
+    std::vector<Fd> fillers;  // the low numbers taken, the accepted socket lands above FD_SETSIZE
+    for (int n = nctest::CountOpenFds(); n < FD_SETSIZE + 8; n++)
+        fillers.emplace_back(fcntl(0, F_DUPFD_CLOEXEC, 0));
+    Fd client;
+    std::string strAddr = Connect(&client);
+    EXPECT_GE(Events('i')[0].hSocket, FD_SETSIZE);
+    ASSERT_TRUE(NetCore_TCPXCore_SendEx(m_xhNet, strAddr.c_str(), "high", 4, 3, 500));
+    EXPECT_EQ("high", ReadExactly(client.Get(), 4));
 }
 
 // ----- framing -----------------------------------------------------------------------------------
