@@ -1,6 +1,4 @@
-// The Unix-domain server through its exported functions, with peers in forked processes and in
-// this one.
-#include <fcntl.h>
+// The Unix-domain server through its exported functions, with its peers on sockets of this process.
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -11,353 +9,234 @@
 #include <string>
 #include <vector>
 
-#include "LocalTestSupport.h"
+#include "Ombrelt_NetCore.h"
+#include "TestSupport.h"
 
 namespace {
 
-using localtest::ExpectFailure;
-using localtest::TempPath;
 using nctest::ErrorFlag;
 using nctest::Fd;
-using nctest::WaitFor;
-using namespace std::chrono_literals;
+
+void ExpectCode(unsigned long long code) {
+    EXPECT_TRUE(ErrorFlag());
+    EXPECT_EQ(code, NetCore_GetLastError(nullptr));
+}
+
+void ExpectSendFails(int sock, const char* data, int len, const char* to, unsigned long long code) {
+    EXPECT_FALSE(NetCore_UnixDomain_Send(sock, data, len, to));
+    ExpectCode(code);
+}
+
+sockaddr_un Addr(const std::string& path) {
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    strncpy(addr.sun_path, path.c_str(), sizeof(addr.sun_path) - 1);
+    return addr;
+}
 
 // What the callbacks saw.
 struct Events {
     std::mutex mu;
-    bool acceptAnswer = true;
-    bool echo = false;        // the receive callback answers every stream message with "echo:" + data
-    bool stopInRecv = false;  // the receive callback stops the server
-    std::vector<int> accepted;
-    std::vector<std::string> addrTexts;
-    std::vector<int> recvSockets;
-    std::vector<int> recvLens;
-    std::string received;
-    std::vector<int> left;
+    std::vector<int> accepted, lens, left;
     std::vector<void*> leftParams;
-    int echoFailures = 0;
-    bool stopReturned = false;
-
-    template <typename Fn>
-    auto Locked(Fn fn) {
-        std::lock_guard<std::mutex> lock(mu);
-        return fn();
-    }
+    std::string data, addrTexts;
+    int recvSock = -1;
+    bool stopInRecv = false;
+    int stops = 0;
 };
 
 bool OnAccept(const char* addr, int sock, void* param) {
     auto* ev = static_cast<Events*>(param);
     std::lock_guard<std::mutex> lock(ev->mu);
     ev->accepted.push_back(sock);
-    ev->addrTexts.emplace_back(addr);
-    return ev->acceptAnswer;
+    ev->addrTexts += addr;
+    return false;  // does not refuse the peer
 }
 
 void OnRecv(const char* addr, int sock, const char* data, int len, void* param) {
     auto* ev = static_cast<Events*>(param);
-    std::string text(data, static_cast<size_t>(len));
-    bool echo, stop;
     {
         std::lock_guard<std::mutex> lock(ev->mu);
-        ev->addrTexts.emplace_back(addr);
-        ev->recvSockets.push_back(sock);
-        ev->recvLens.push_back(len);
-        ev->received += text;
-        echo = ev->echo;
-        stop = ev->stopInRecv;
+        ev->addrTexts += addr;
+        ev->recvSock = sock;
+        ev->lens.push_back(len);
+        ev->data.append(data, static_cast<size_t>(len));
+        if (!ev->stopInRecv) return;
     }
-    if (echo) {
-        std::string reply = "echo:" + text;
-        if (!NetCore_UnixDomain_Send(sock, reply.data(), static_cast<int>(reply.size()), nullptr)) {
-            std::lock_guard<std::mutex> lock(ev->mu);
-            ev->echoFailures++;
-        }
-    }
-    if (stop) {
-        NetCore_UnixDomain_Stop();
-        std::lock_guard<std::mutex> lock(ev->mu);
-        ev->stopReturned = true;
-    }
+    NetCore_UnixDomain_Stop();
+    std::lock_guard<std::mutex> lock(ev->mu);
+    ev->stops++;
 }
 
-void OnLeave(const char*, int sock, void* param) {
+void OnLeave(const char* addr, int sock, void* param) {
     auto* ev = static_cast<Events*>(param);
     std::lock_guard<std::mutex> lock(ev->mu);
+    ev->addrTexts += addr;
     ev->left.push_back(sock);
     ev->leftParams.push_back(param);
-}
-
-// Datagram server side: a message "reply-to:<path>" is answered with "ack" at that path.
-void OnDatagram(const char* addr, int sock, const char* data, int len, void* param) {
-    OnRecv(addr, sock, data, len, param);
-    std::string text(data, static_cast<size_t>(len));
-    const std::string prefix = "reply-to:";
-    if (text.compare(0, prefix.size(), prefix) == 0) {
-        NetCore_UnixDomain_Send(-1, "ack", 3, text.c_str() + prefix.size());
-    }
-}
-
-sockaddr_un UnixAddr(const char* path) {
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
-    strncpy(addr.sun_path, path, sizeof(addr.sun_path) - 1);
-    return addr;
-}
-
-// A stream client of the server at path, retrying until the server listens.
-int ConnectWhenReady(const char* path) {
-    sockaddr_un addr = UnixAddr(path);
-    int fd = -1;
-    localtest::ChildWait([&] {
-        fd = socket(AF_UNIX, SOCK_STREAM, 0);
-        if (connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0) return true;
-        close(fd);
-        fd = -1;
-        return false;
-    });
-    return fd;
-}
-
-bool ReadExactly(int fd, std::string* out, size_t count) {
-    char buffer[256];
-    while (out->size() < count) {
-        ssize_t n = read(fd, buffer, std::min(sizeof(buffer), count - out->size()));
-        if (n <= 0) return false;
-        out->append(buffer, static_cast<size_t>(n));
-    }
-    return true;
 }
 
 class UnixDomainTest : public nctest::NetCoreTest {
 protected:
     void TearDown() override {
         NetCore_UnixDomain_Stop();
+        unlink(path.c_str());
+        unlink(peerPath.c_str());
         nctest::NetCoreTest::TearDown();
     }
-    void SetCallbacks(bool withAccept, bool withRecv) {
-        NetCore_UnixDomain_SetCallback(withAccept ? OnAccept : nullptr, withRecv ? OnRecv : nullptr, OnLeave, &events,
-                                       &events, &leaveParam);
+    void Start(bool stream, bool withAccept = true) {
+        NetCore_UnixDomain_SetCallback(withAccept ? OnAccept : nullptr, OnRecv, OnLeave, &ev, &ev, &leaveParam);
+        ASSERT_TRUE(NetCore_UnixDomain_Start(path.c_str(), stream));
+        EXPECT_FALSE(ErrorFlag());
     }
-    Events events;
-    int leaveParam = 0;  // registered for the leave callback, which is never given it
+    Fd Connect() {
+        Fd fd(socket(AF_UNIX, SOCK_STREAM, 0));
+        sockaddr_un addr = Addr(path);
+        EXPECT_EQ(0, connect(fd.Get(), reinterpret_cast<sockaddr*>(&addr), sizeof(addr))) << strerror(errno);
+        return fd;
+    }
+    template <typename Pred>
+    bool Wait(Pred pred) {
+        return nctest::WaitFor([&] {
+            std::lock_guard<std::mutex> lock(ev.mu);
+            return pred();
+        });
+    }
+    static std::string Fresh(const char* tag) {
+        static int counter = 0;
+        return "/tmp/nctest_" + std::string(tag) + std::to_string(getpid()) + "_" + std::to_string(counter++);
+    }
+    Events ev;
+    int leaveParam = 0;  // registered for the leave callback, which is given the receive one's instead
+    std::string path = Fresh("ud"), peerPath = Fresh("udpeer");
 };
 
-TEST_F(UnixDomainTest, StartRefusesNullAndOverlongPaths) {
+TEST_F(UnixDomainTest, StartBindsThePathAndStopUnlinksIt) {
     EXPECT_FALSE(NetCore_UnixDomain_Start(nullptr, true));
-    ExpectFailure(ERROR_NETCORE_UNIXDOMAIN_START_PARAMENT);
+    ExpectCode(ERROR_NETCORE_UNIXDOMAIN_START_PARAMENT);
+    // a path too long for the address is refused, not cut
+    EXPECT_FALSE(NetCore_UnixDomain_Start(("/tmp/" + std::string(120, 'x')).c_str(), true));
+    ExpectCode(ERROR_NETCORE_UNIXDOMAIN_START_BIND);
 
-    std::string longPath = "/tmp/" + std::string(120, 'x');
-    int sysError = 0;
-    EXPECT_FALSE(NetCore_UnixDomain_Start(longPath.c_str(), true));
-    ExpectFailure(ERROR_NETCORE_UNIXDOMAIN_START_BIND);
-    NetCore_GetLastError(&sysError);
-    EXPECT_EQ(ENAMETOOLONG, sysError);
-    EXPECT_NE(0, access(longPath.substr(0, 107).c_str(), F_OK));
-}
-
-TEST_F(UnixDomainTest, BindFailsOnAnExistingPathAndSucceedsAfterStop) {
-    TempPath path("ud");
-    SetCallbacks(true, true);
-    ASSERT_TRUE(NetCore_UnixDomain_Start(path.c_str(), true));
-    EXPECT_FALSE(ErrorFlag());
-    EXPECT_EQ(static_cast<mode_t>(S_IFSOCK), path.Type());
-
+    Start(true);
     EXPECT_FALSE(NetCore_UnixDomain_Start(path.c_str(), true));
-    ExpectFailure(ERROR_NETCORE_UNIXDOMAIN_START_BIND);
+    ExpectCode(ERROR_NETCORE_UNIXDOMAIN_START_BIND);
     // the failed Start left the running server alone
-    Fd client(ConnectWhenReady(path.c_str()));
-    ASSERT_GE(client.Get(), 0);
-    ASSERT_TRUE(WaitFor([&] { return events.Locked([&] { return events.accepted.size() == 1; }); }));
-    client.Reset();
-
+    Fd client = Connect();
+    EXPECT_TRUE(Wait([&] { return ev.accepted.size() == 1; }));
     EXPECT_TRUE(NetCore_UnixDomain_Stop());
-    EXPECT_FALSE(path.Exists());
+    EXPECT_NE(0, access(path.c_str(), F_OK));
     EXPECT_TRUE(NetCore_UnixDomain_Start(path.c_str(), false));
     EXPECT_TRUE(NetCore_UnixDomain_Stop());
-    EXPECT_FALSE(path.Exists());
 
-    // any file in the way makes bind fail
-    Fd file(open(path.c_str(), O_CREAT | O_WRONLY, 0600));
+    // a second Stop leaves alone a socket bound at the path since
+    Fd other(socket(AF_UNIX, SOCK_DGRAM, 0));
+    sockaddr_un addr = Addr(path);
+    ASSERT_EQ(0, bind(other.Get(), reinterpret_cast<sockaddr*>(&addr), sizeof(addr)));
+    EXPECT_TRUE(NetCore_UnixDomain_Stop());
+    EXPECT_EQ(0, access(path.c_str(), F_OK));
     EXPECT_FALSE(NetCore_UnixDomain_Start(path.c_str(), false));
-    ExpectFailure(ERROR_NETCORE_UNIXDOMAIN_START_BIND);
+    ExpectCode(ERROR_NETCORE_UNIXDOMAIN_START_BIND);
 }
 
-TEST_F(UnixDomainTest, StreamPeerInAnotherProcessIsServedAndRemovedWhenItLeaves) {
-    TempPath path("ud");
-    pid_t child = localtest::ForkChild([&] {
-        int fd = ConnectWhenReady(path.c_str());
-        if (fd < 0) return 1;
-        if (write(fd, "hello", 5) != 5) return 2;
-        std::string reply;
-        if (!ReadExactly(fd, &reply, 10) || reply != "echo:hello") return 3;
-        close(fd);
-        return 0;
-    });
-    events.acceptAnswer = false;  // does not refuse the peer
-    events.echo = true;
-    SetCallbacks(true, true);
-    ASSERT_TRUE(NetCore_UnixDomain_Start(path.c_str(), true));
-    EXPECT_EQ(0, localtest::WaitChild(child));
+TEST_F(UnixDomainTest, StreamPeersAreServedRemovedAndForgottenWhenTheyLeave) {
+    Start(true);
+    Fd staying = Connect(), leaving = Connect();
+    ASSERT_TRUE(Wait([&] { return ev.accepted.size() == 2; }));
+    ASSERT_EQ(5, write(leaving.Get(), "hello", 5));
+    ASSERT_TRUE(Wait([&] { return ev.data == "hello"; }));
+    int other = ev.accepted[0], sock = ev.accepted[1];
+    EXPECT_EQ(sock, ev.recvSock);
 
-    ASSERT_TRUE(WaitFor([&] { return events.Locked([&] { return events.left.size() == 1; }); }));
-    int sock = events.Locked([&] { return events.accepted.at(0); });
-    events.Locked([&] {
-        EXPECT_EQ(1u, events.accepted.size());
-        EXPECT_EQ(0, events.echoFailures);
-        EXPECT_EQ("hello", events.received);
-        EXPECT_EQ(std::vector<int>{sock}, events.recvSockets);
-        EXPECT_EQ(sock, events.left[0]);
-        // the leave callback gets the receive callback's argument
-        EXPECT_EQ(static_cast<void*>(&events), events.leftParams[0]);
-        // peers have no address text
-        for (const std::string& text : events.addrTexts)
-            EXPECT_EQ("", text);
-    });
-    // the close thread removes the peer within about a second
-    // (until then a Send reaches the closed socket and fails with EPIPE)
-    EXPECT_TRUE(WaitFor([&] {
+    EXPECT_TRUE(NetCore_UnixDomain_Send(other, "reply", 5, "ignored in stream mode"));
+    EXPECT_FALSE(ErrorFlag());
+    char buffer[8] = {};
+    EXPECT_EQ(5, recv(staying.Get(), buffer, sizeof(buffer), 0));
+    EXPECT_STREQ("reply", buffer);
+    ExpectSendFails(sock, nullptr, 1, nullptr, ERROR_NETCORE_UNIXDOMAIN_SEND_PARAMENT);
+    ExpectSendFails(-1, "x", 1, nullptr, ERROR_NETCORE_UNIXDOMAIN_SEND_NOTFOUND);
+    ExpectSendFails(sock, "x", -1, nullptr, ERROR_NETCORE_UNIXDOMAIN_SEND_FAILED);
+
+    // Remove closes a peer without the leave callback; a second Remove finds nothing
+    EXPECT_TRUE(NetCore_UnixDomain_Remove(other));
+    EXPECT_TRUE(NetCore_UnixDomain_Remove(other));
+    EXPECT_FALSE(ErrorFlag());
+    EXPECT_EQ(0, read(staying.Get(), buffer, 1));
+
+    // a peer that closes its end is reported once, with the receive callback's argument
+    leaving.Reset();
+    ASSERT_TRUE(Wait([&] { return ev.left.size() == 1; }));
+    EXPECT_EQ(sock, ev.left[0]);
+    EXPECT_EQ(static_cast<void*>(&ev), ev.leftParams[0]);
+    EXPECT_EQ("", ev.addrTexts);  // peers have no address text
+    // the close thread forgets it within about a second (a Send meanwhile fails with EPIPE)
+    EXPECT_TRUE(nctest::WaitFor([&] {
         return !NetCore_UnixDomain_Send(sock, "x", 1, nullptr) &&
                NetCore_GetLastError(nullptr) == ERROR_NETCORE_UNIXDOMAIN_SEND_NOTFOUND;
     }));
-    ExpectFailure(ERROR_NETCORE_UNIXDOMAIN_SEND_NOTFOUND);
+    EXPECT_EQ(1u, ev.left.size());
 }
 
 TEST_F(UnixDomainTest, PeerAcceptedWithoutAcceptCallbackIsServedButNotInTheTable) {
-    TempPath path("ud");
-    SetCallbacks(false, true);
-    ASSERT_TRUE(NetCore_UnixDomain_Start(path.c_str(), true));
-    Fd client(ConnectWhenReady(path.c_str()));
+    Start(true, false);
+    Fd client = Connect();
     ASSERT_EQ(3, write(client.Get(), "abc", 3));
-    ASSERT_TRUE(WaitFor([&] { return events.Locked([&] { return events.received == "abc"; }); }));
-    int sock = events.Locked([&] { return events.recvSockets.at(0); });
-
-    EXPECT_FALSE(NetCore_UnixDomain_Send(sock, "x", 1, nullptr));
-    ExpectFailure(ERROR_NETCORE_UNIXDOMAIN_SEND_NOTFOUND);
-    EXPECT_TRUE(NetCore_UnixDomain_Remove(sock));
-    EXPECT_FALSE(ErrorFlag());
-    // Remove did nothing: the peer is still served
+    ASSERT_TRUE(Wait([&] { return ev.data == "abc"; }));
+    EXPECT_FALSE(NetCore_UnixDomain_Send(ev.recvSock, "x", 1, nullptr));
+    ExpectCode(ERROR_NETCORE_UNIXDOMAIN_SEND_NOTFOUND);
+    EXPECT_TRUE(NetCore_UnixDomain_Remove(ev.recvSock));
     ASSERT_EQ(3, write(client.Get(), "def", 3));
-    ASSERT_TRUE(WaitFor([&] { return events.Locked([&] { return events.received == "abcdef"; }); }));
-
+    ASSERT_TRUE(Wait([&] { return ev.data == "abcdef"; }));
     // Stop closes it all the same
     EXPECT_TRUE(NetCore_UnixDomain_Stop());
     char byte;
     EXPECT_EQ(0, read(client.Get(), &byte, 1));
 }
 
-TEST_F(UnixDomainTest, RemoveClosesAPeerWithoutCallingLeave) {
-    TempPath path("ud");
-    SetCallbacks(true, true);
-    ASSERT_TRUE(NetCore_UnixDomain_Start(path.c_str(), true));
-    Fd client(ConnectWhenReady(path.c_str()));
-    ASSERT_TRUE(WaitFor([&] { return events.Locked([&] { return events.accepted.size() == 1; }); }));
-    int sock = events.Locked([&] { return events.accepted[0]; });
+TEST_F(UnixDomainTest, DatagramServerReceivesAndAnswersAtThePeersPath) {
+    Start(false);
+    Fd peer(socket(AF_UNIX, SOCK_DGRAM, 0));
+    sockaddr_un own = Addr(peerPath), server = Addr(path);
+    ASSERT_EQ(0, bind(peer.Get(), reinterpret_cast<sockaddr*>(&own), sizeof(own)));
+    // an empty datagram reaches no callback; a long one is cut to 2048 bytes
+    std::string big(3000, 'z');
+    for (const std::string& datagram : {std::string(), std::string("hi"), big}) {
+        ASSERT_EQ(static_cast<ssize_t>(datagram.size()), sendto(peer.Get(), datagram.data(), datagram.size(), 0,
+                                                                reinterpret_cast<sockaddr*>(&server), sizeof(server)));
+    }
+    ASSERT_TRUE(Wait([&] { return ev.lens.size() >= 2; }));
+    EXPECT_EQ(std::vector<int>({2, 2048}), ev.lens);
+    EXPECT_EQ("hi" + big.substr(0, 2048), ev.data);
+    EXPECT_TRUE(ev.accepted.empty());
 
-    EXPECT_TRUE(NetCore_UnixDomain_Send(sock, "to-peer", 7, "ignored in stream mode"));
-    std::string got;
-    ASSERT_TRUE(ReadExactly(client.Get(), &got, 7));
-    EXPECT_EQ("to-peer", got);
-
-    EXPECT_TRUE(NetCore_UnixDomain_Remove(sock));
-    char byte;
-    EXPECT_EQ(0, read(client.Get(), &byte, 1));
-    EXPECT_TRUE(events.Locked([&] { return events.left.empty(); }));
-    EXPECT_TRUE(NetCore_UnixDomain_Remove(sock));
-    EXPECT_TRUE(NetCore_UnixDomain_Remove(-1));
-}
-
-TEST_F(UnixDomainTest, SendChecksItsBufferFirst) {
-    EXPECT_FALSE(NetCore_UnixDomain_Send(12345, nullptr, 1, nullptr));
-    ExpectFailure(ERROR_NETCORE_UNIXDOMAIN_SEND_PARAMENT);
-}
-
-TEST_F(UnixDomainTest, DatagramPeerInAnotherProcessGetsRepliesAtItsPathAndLongDatagramsAreCut) {
-    TempPath path("ud"), childPath("udc");
-    pid_t child = localtest::ForkChild([&] {
-        int fd = socket(AF_UNIX, SOCK_DGRAM, 0);
-        sockaddr_un own = UnixAddr(childPath.c_str());
-        if (bind(fd, reinterpret_cast<sockaddr*>(&own), sizeof(own)) != 0) return 1;
-        sockaddr_un server = UnixAddr(path.c_str());
-        std::string hello = std::string("reply-to:") + childPath.c_str();
-        bool sent = localtest::ChildWait([&] {
-            return sendto(fd, hello.data(), hello.size(), 0, reinterpret_cast<sockaddr*>(&server), sizeof(server)) ==
-                   static_cast<ssize_t>(hello.size());
-        });
-        if (!sent) return 2;
-        char reply[16] = {};
-        if (recv(fd, reply, sizeof(reply), 0) != 3 || memcmp(reply, "ack", 3) != 0) return 3;
-        std::string big(3000, 'z');
-        if (sendto(fd, big.data(), big.size(), 0, reinterpret_cast<sockaddr*>(&server), sizeof(server)) != 3000)
-            return 4;
-        close(fd);
-        return 0;
-    });
-    NetCore_UnixDomain_SetCallback(OnAccept, OnDatagram, OnLeave, &events, &events, &leaveParam);
-    ASSERT_TRUE(NetCore_UnixDomain_Start(path.c_str(), false));
-    EXPECT_EQ(0, localtest::WaitChild(child));
-
-    ASSERT_TRUE(WaitFor([&] { return events.Locked([&] { return events.recvLens.size() == 2; }); }));
-    events.Locked([&] {
-        EXPECT_EQ(std::vector<int>({static_cast<int>(strlen("reply-to:") + strlen(childPath.c_str())), 2048}),
-                  events.recvLens);
-        // the server's own socket, the same for every datagram
-        EXPECT_EQ(events.recvSockets[0], events.recvSockets[1]);
-        EXPECT_EQ(events.received.size(), events.received.find('z') + 2048);
-        for (const std::string& text : events.addrTexts)
-            EXPECT_EQ("", text);
-        EXPECT_TRUE(events.accepted.empty());
-    });
-}
-
-TEST_F(UnixDomainTest, DatagramSendFailsWithoutAReceiverAtThePath) {
-    TempPath path("ud"), nobody("udn");
-    ASSERT_TRUE(NetCore_UnixDomain_Start(path.c_str(), false));
-    EXPECT_FALSE(NetCore_UnixDomain_Send(0, "x", 1, nobody.c_str()));
-    ExpectFailure(ERROR_NETCORE_UNIXDOMAIN_SEND_FAILED);
-
-    std::string longPath = "/tmp/" + std::string(200, 'y');
-    int sysError = 0;
-    EXPECT_FALSE(NetCore_UnixDomain_Send(0, "x", 1, longPath.c_str()));
-    NetCore_GetLastError(&sysError);
-    ExpectFailure(ERROR_NETCORE_UNIXDOMAIN_SEND_FAILED);
-    EXPECT_EQ(ENAMETOOLONG, sysError);
-
-    // a receiver bound at the path gets the datagram from the server's socket
-    Fd receiver(socket(AF_UNIX, SOCK_DGRAM, 0));
-    sockaddr_un addr = UnixAddr(nobody.c_str());
-    ASSERT_EQ(0, bind(receiver.Get(), reinterpret_cast<sockaddr*>(&addr), sizeof(addr)));
-    EXPECT_TRUE(NetCore_UnixDomain_Send(999, "data", 4, nobody.c_str()));
+    // hSocket is ignored: the answer leaves the server's socket for the path given
+    EXPECT_TRUE(NetCore_UnixDomain_Send(12345, "ack", 3, peerPath.c_str()));
+    EXPECT_TRUE(NetCore_UnixDomain_Send(-1, "", 0, peerPath.c_str()));
+    EXPECT_FALSE(ErrorFlag());
     char buffer[8] = {};
     sockaddr_un from{};
     socklen_t fromLen = sizeof(from);
-    EXPECT_EQ(4, recvfrom(receiver.Get(), buffer, sizeof(buffer), 0, reinterpret_cast<sockaddr*>(&from), &fromLen));
+    EXPECT_EQ(3, recvfrom(peer.Get(), buffer, sizeof(buffer), 0, reinterpret_cast<sockaddr*>(&from), &fromLen));
+    EXPECT_STREQ("ack", buffer);
     EXPECT_STREQ(path.c_str(), from.sun_path);
-}
+    EXPECT_EQ(0, recv(peer.Get(), buffer, sizeof(buffer), 0));
 
-TEST_F(UnixDomainTest, StopIsSafeWithoutStartAndTwice) {
-    TempPath path("ud");
-    EXPECT_TRUE(NetCore_UnixDomain_Stop());
-    ASSERT_TRUE(NetCore_UnixDomain_Start(path.c_str(), true));
-    EXPECT_TRUE(NetCore_UnixDomain_Stop());
-    // a file bound at the same path since must survive a second Stop
-    Fd other(socket(AF_UNIX, SOCK_STREAM, 0));
-    sockaddr_un addr = UnixAddr(path.c_str());
-    ASSERT_EQ(0, bind(other.Get(), reinterpret_cast<sockaddr*>(&addr), sizeof(addr)));
-    EXPECT_TRUE(NetCore_UnixDomain_Stop());
-    EXPECT_TRUE(path.Exists());
+    std::string nobody = Fresh("udnobody"), overlong = "/tmp/" + std::string(200, 'y');
+    ExpectSendFails(0, nullptr, 1, peerPath.c_str(), ERROR_NETCORE_UNIXDOMAIN_SEND_PARAMENT);
+    ExpectSendFails(0, "x", 1, nobody.c_str(), ERROR_NETCORE_UNIXDOMAIN_SEND_FAILED);
+    ExpectSendFails(0, "x", 1, overlong.c_str(), ERROR_NETCORE_UNIXDOMAIN_SEND_FAILED);
+    ExpectSendFails(0, "x", -1, peerPath.c_str(), ERROR_NETCORE_UNIXDOMAIN_SEND_FAILED);
 }
 
 TEST_F(UnixDomainTest, StopFromAReceiveCallbackEndsEveryThread) {
-    TempPath path("ud");
-    events.stopInRecv = true;
-    SetCallbacks(true, true);
-    ASSERT_TRUE(NetCore_UnixDomain_Start(path.c_str(), true));
-    Fd client(ConnectWhenReady(path.c_str()));
+    ev.stopInRecv = true;
+    Start(true);
+    Fd client = Connect();
     ASSERT_EQ(4, write(client.Get(), "stop", 4));
-    ASSERT_TRUE(WaitFor([&] { return events.Locked([&] { return events.stopReturned; }); }));
+    ASSERT_TRUE(Wait([&] { return ev.stops == 1; }));
     char byte;
     EXPECT_EQ(0, read(client.Get(), &byte, 1));
-    EXPECT_FALSE(path.Exists());
+    EXPECT_NE(0, access(path.c_str(), F_OK));
     // the fixture checks that no thread is left
 }
 
