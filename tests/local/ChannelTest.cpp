@@ -43,7 +43,9 @@ namespace {
 
 using nctest::ErrorFlag;
 
-void ExpectCode(unsigned long long code) {
+// A call that failed, and the error state it left.
+void ExpectFails(bool result, unsigned long long code) {
+    EXPECT_FALSE(result);
     EXPECT_TRUE(ErrorFlag());
     EXPECT_EQ(code, NetCore_GetLastError(nullptr));
 }
@@ -140,8 +142,7 @@ TEST_F(ChannelTest, ArgumentsAndUnknownNamesAreRefusedWithTheirCodes) {
     for (auto& row : rows) {
         SCOPED_TRACE(&row - rows);
         nctest::ResetErrorState();
-        EXPECT_FALSE(row.call());
-        ExpectCode(row.code);
+        ExpectFails(row.call(), row.code);
     }
     EXPECT_EQ(-1, id);
 }
@@ -162,10 +163,8 @@ TEST_F(ChannelTest, AnonymousPipeCarriesDataUntilClosed) {
     EXPECT_FALSE(ErrorFlag());
 
     len = -1;
-    EXPECT_FALSE(NetCore_PIPAnonymous_Read("a", buffer, &len));
-    ExpectCode(ERROR_NETCORE_PIPE_ANONYMOUS_READ_FAILED);
-    EXPECT_FALSE(NetCore_PIPAnonymous_Write("a", buffer, -1));
-    ExpectCode(ERROR_NETCORE_PIPE_ANONYMOUS_WRITE_FAILED);
+    ExpectFails(NetCore_PIPAnonymous_Read("a", buffer, &len), ERROR_NETCORE_PIPE_ANONYMOUS_READ_FAILED);
+    ExpectFails(NetCore_PIPAnonymous_Write("a", buffer, -1), ERROR_NETCORE_PIPE_ANONYMOUS_WRITE_FAILED);
     EXPECT_TRUE(NetCore_PIPAnonymous_Close("a"));
     EXPECT_TRUE(NetCore_PIPAnonymous_Close("a"));
     EXPECT_FALSE(ErrorFlag());
@@ -177,14 +176,13 @@ TEST_F(ChannelTest, NamedPipeIsAFifoOnDiskThatTheCreatorUnlinks) {
     EXPECT_TRUE(ErrorFlag()) << "Create leaves the flag set even when it succeeds";
     EXPECT_EQ(0ULL, NetCore_GetLastError(nullptr));
     EXPECT_EQ(Umasked(S_IFIFO), Mode(fifo));
-    EXPECT_FALSE(NetCore_PIPNamed_Create(fifo.c_str()));
-    ExpectCode(ERROR_NETCORE_PIPE_NAMED_MKFIFO);
+    ExpectFails(NetCore_PIPNamed_Create(fifo.c_str()), ERROR_NETCORE_PIPE_NAMED_MKFIFO);
 
     // nothing in it yet: the non-blocking read fails at once
     int sysError = 0;
-    EXPECT_FALSE(NetCore_PIPNamed_Read(fifo.c_str(), buffer, &len));
+    bool read = NetCore_PIPNamed_Read(fifo.c_str(), buffer, &len);
     NetCore_GetLastError(&sysError);
-    ExpectCode(ERROR_NETCORE_PIPE_NAMED_READ_FAILED);
+    ExpectFails(read, ERROR_NETCORE_PIPE_NAMED_READ_FAILED);
     EXPECT_EQ(EAGAIN, sysError);
 
     // a second opening of the same FIFO under another spelling of its path
@@ -199,13 +197,11 @@ TEST_F(ChannelTest, NamedPipeIsAFifoOnDiskThatTheCreatorUnlinks) {
     EXPECT_STREQ("fifo data", buffer);
 
     len = -1;
-    EXPECT_FALSE(NetCore_PIPNamed_Read(fifo.c_str(), buffer, &len));
-    ExpectCode(ERROR_NETCORE_PIPE_NAMED_READ_FAILED);
-    EXPECT_FALSE(NetCore_PIPNamed_Write(fifo.c_str(), buffer, -1));
-    ExpectCode(ERROR_NETCORE_PIPE_NAMED_WRITE_FAILED);
+    ExpectFails(NetCore_PIPNamed_Read(fifo.c_str(), buffer, &len), ERROR_NETCORE_PIPE_NAMED_READ_FAILED);
+    ExpectFails(NetCore_PIPNamed_Write(fifo.c_str(), buffer, -1), ERROR_NETCORE_PIPE_NAMED_WRITE_FAILED);
     std::string big(1 << 20, 'b');  // more than the FIFO holds: the non-blocking write is short
-    EXPECT_FALSE(NetCore_PIPNamed_Write(fifo.c_str(), big.data(), static_cast<int>(big.size())));
-    ExpectCode(ERROR_NETCORE_PIPE_NAMED_WRITE_LEN);
+    ExpectFails(NetCore_PIPNamed_Write(fifo.c_str(), big.data(), static_cast<int>(big.size())),
+                ERROR_NETCORE_PIPE_NAMED_WRITE_LEN);
 
     // Close with any path closes the first stored FIFO; only the creator's unlinks the path
     EXPECT_TRUE(NetCore_PIPNamed_Close("no such fifo"));
@@ -238,8 +234,7 @@ TEST_F(ChannelTest, MailSlotKeepsNamesAndMovesNoData) {
     EXPECT_EQ(11, attr);
     EXPECT_TRUE(slot.NetCore_PIPMailSlot_Close("slot"));
     EXPECT_TRUE(slot.NetCore_PIPMailSlot_Close("never there"));
-    EXPECT_FALSE(slot.NetCore_PIPMailSlot_Write("slot", "x", 1));
-    ExpectCode(ERROR_NETCORE_PIPE_MAILSLOT_WRITE_NOTFOUND);
+    ExpectFails(slot.NetCore_PIPMailSlot_Write("slot", "x", 1), ERROR_NETCORE_PIPE_MAILSLOT_WRITE_NOTFOUND);
 }
 
 TEST_F(ChannelTest, MappedRegionIsReachedAtAnyOffsetAndByPointer) {
@@ -288,8 +283,7 @@ TEST_F(ChannelTest, MappedRegionIsReachedAtAnyOffsetAndByPointer) {
     EXPECT_EQ(0, st.st_size);
     EXPECT_TRUE(NetCore_PIPMMap_Close("region"));  // closes the file too (the fixture counts)
     EXPECT_TRUE(NetCore_PIPMMap_Close("region"));
-    EXPECT_FALSE(NetCore_PIPMMap_Read("region", buffer, 1, 0));
-    ExpectCode(ERROR_NETCORE_PIPE_MMAP_READ_NOTFOUND);
+    ExpectFails(NetCore_PIPMMap_Read("region", buffer, 1, 0), ERROR_NETCORE_PIPE_MMAP_READ_NOTFOUND);
 }
 
 // Where executable memory is refused the region is mapped without it and works alike; a mapping
@@ -360,8 +354,7 @@ TEST_F(ChannelTest, SegmentIsAttachedTwiceAndRemoved) {
     EXPECT_TRUE(NetCore_PIPIpc_OPen(key));
     EXPECT_FALSE(ErrorFlag());
     ASSERT_EQ(0, shmctl(std::exchange(keyed.id, -1), IPC_RMID, nullptr));
-    EXPECT_FALSE(NetCore_PIPIpc_OPen(key));
-    ExpectCode(ERROR_NETCORE_PIPE_IPC_OPEN);
+    ExpectFails(NetCore_PIPIpc_OPen(key), ERROR_NETCORE_PIPE_IPC_OPEN);
 }
 
 }  // namespace

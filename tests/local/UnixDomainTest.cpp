@@ -17,14 +17,11 @@ namespace {
 using nctest::ErrorFlag;
 using nctest::Fd;
 
-void ExpectCode(unsigned long long code) {
+// A call that failed, and the error state it left.
+void ExpectFails(bool result, unsigned long long code) {
+    EXPECT_FALSE(result);
     EXPECT_TRUE(ErrorFlag());
     EXPECT_EQ(code, NetCore_GetLastError(nullptr));
-}
-
-void ExpectSendFails(int sock, const char* data, int len, const char* to, unsigned long long code) {
-    EXPECT_FALSE(NetCore_UnixDomain_Send(sock, data, len, to));
-    ExpectCode(code);
 }
 
 sockaddr_un Addr(const std::string& path) {
@@ -112,15 +109,13 @@ protected:
 };
 
 TEST_F(UnixDomainTest, StartBindsThePathAndStopUnlinksIt) {
-    EXPECT_FALSE(NetCore_UnixDomain_Start(nullptr, true));
-    ExpectCode(ERROR_NETCORE_UNIXDOMAIN_START_PARAMENT);
+    ExpectFails(NetCore_UnixDomain_Start(nullptr, true), ERROR_NETCORE_UNIXDOMAIN_START_PARAMENT);
     // a path too long for the address is refused, not cut
-    EXPECT_FALSE(NetCore_UnixDomain_Start(("/tmp/" + std::string(120, 'x')).c_str(), true));
-    ExpectCode(ERROR_NETCORE_UNIXDOMAIN_START_BIND);
+    ExpectFails(NetCore_UnixDomain_Start(("/tmp/" + std::string(120, 'x')).c_str(), true),
+                ERROR_NETCORE_UNIXDOMAIN_START_BIND);
 
     Start(true);
-    EXPECT_FALSE(NetCore_UnixDomain_Start(path.c_str(), true));
-    ExpectCode(ERROR_NETCORE_UNIXDOMAIN_START_BIND);
+    ExpectFails(NetCore_UnixDomain_Start(path.c_str(), true), ERROR_NETCORE_UNIXDOMAIN_START_BIND);
     // the failed Start left the running server alone
     Fd client = Connect();
     EXPECT_TRUE(Wait([&] { return ev.accepted.size() == 1; }));
@@ -135,8 +130,7 @@ TEST_F(UnixDomainTest, StartBindsThePathAndStopUnlinksIt) {
     ASSERT_EQ(0, bind(other.Get(), reinterpret_cast<sockaddr*>(&addr), sizeof(addr)));
     EXPECT_TRUE(NetCore_UnixDomain_Stop());
     EXPECT_EQ(0, access(path.c_str(), F_OK));
-    EXPECT_FALSE(NetCore_UnixDomain_Start(path.c_str(), false));
-    ExpectCode(ERROR_NETCORE_UNIXDOMAIN_START_BIND);
+    ExpectFails(NetCore_UnixDomain_Start(path.c_str(), false), ERROR_NETCORE_UNIXDOMAIN_START_BIND);
 }
 
 TEST_F(UnixDomainTest, StreamPeersAreServedRemovedAndForgottenWhenTheyLeave) {
@@ -153,9 +147,9 @@ TEST_F(UnixDomainTest, StreamPeersAreServedRemovedAndForgottenWhenTheyLeave) {
     char buffer[8] = {};
     EXPECT_EQ(5, recv(staying.Get(), buffer, sizeof(buffer), 0));
     EXPECT_STREQ("reply", buffer);
-    ExpectSendFails(sock, nullptr, 1, nullptr, ERROR_NETCORE_UNIXDOMAIN_SEND_PARAMENT);
-    ExpectSendFails(-1, "x", 1, nullptr, ERROR_NETCORE_UNIXDOMAIN_SEND_NOTFOUND);
-    ExpectSendFails(sock, "x", -1, nullptr, ERROR_NETCORE_UNIXDOMAIN_SEND_FAILED);
+    ExpectFails(NetCore_UnixDomain_Send(sock, nullptr, 1, nullptr), ERROR_NETCORE_UNIXDOMAIN_SEND_PARAMENT);
+    ExpectFails(NetCore_UnixDomain_Send(-1, "x", 1, nullptr), ERROR_NETCORE_UNIXDOMAIN_SEND_NOTFOUND);
+    ExpectFails(NetCore_UnixDomain_Send(sock, "x", -1, nullptr), ERROR_NETCORE_UNIXDOMAIN_SEND_FAILED);
 
     // Remove closes a peer without the leave callback; a second Remove finds nothing
     EXPECT_TRUE(NetCore_UnixDomain_Remove(other));
@@ -182,8 +176,7 @@ TEST_F(UnixDomainTest, PeerAcceptedWithoutAcceptCallbackIsServedButNotInTheTable
     Fd client = Connect();
     ASSERT_EQ(3, write(client.Get(), "abc", 3));
     ASSERT_TRUE(Wait([&] { return ev.data == "abc"; }));
-    EXPECT_FALSE(NetCore_UnixDomain_Send(ev.recvSock, "x", 1, nullptr));
-    ExpectCode(ERROR_NETCORE_UNIXDOMAIN_SEND_NOTFOUND);
+    ExpectFails(NetCore_UnixDomain_Send(ev.recvSock, "x", 1, nullptr), ERROR_NETCORE_UNIXDOMAIN_SEND_NOTFOUND);
     EXPECT_TRUE(NetCore_UnixDomain_Remove(ev.recvSock));
     ASSERT_EQ(3, write(client.Get(), "def", 3));
     ASSERT_TRUE(Wait([&] { return ev.data == "abcdef"; }));
@@ -222,10 +215,10 @@ TEST_F(UnixDomainTest, DatagramServerReceivesAndAnswersAtThePeersPath) {
     EXPECT_EQ(0, recv(peer.Get(), buffer, sizeof(buffer), 0));
 
     std::string nobody = Fresh("udnobody"), overlong = "/tmp/" + std::string(200, 'y');
-    ExpectSendFails(0, nullptr, 1, peerPath.c_str(), ERROR_NETCORE_UNIXDOMAIN_SEND_PARAMENT);
-    ExpectSendFails(0, "x", 1, nobody.c_str(), ERROR_NETCORE_UNIXDOMAIN_SEND_FAILED);
-    ExpectSendFails(0, "x", 1, overlong.c_str(), ERROR_NETCORE_UNIXDOMAIN_SEND_FAILED);
-    ExpectSendFails(0, "x", -1, peerPath.c_str(), ERROR_NETCORE_UNIXDOMAIN_SEND_FAILED);
+    ExpectFails(NetCore_UnixDomain_Send(0, nullptr, 1, peerPath.c_str()), ERROR_NETCORE_UNIXDOMAIN_SEND_PARAMENT);
+    ExpectFails(NetCore_UnixDomain_Send(0, "x", 1, nobody.c_str()), ERROR_NETCORE_UNIXDOMAIN_SEND_FAILED);
+    ExpectFails(NetCore_UnixDomain_Send(0, "x", 1, overlong.c_str()), ERROR_NETCORE_UNIXDOMAIN_SEND_FAILED);
+    ExpectFails(NetCore_UnixDomain_Send(0, "x", -1, peerPath.c_str()), ERROR_NETCORE_UNIXDOMAIN_SEND_FAILED);
 }
 
 TEST_F(UnixDomainTest, StopFromAReceiveCallbackEndsEveryThread) {
