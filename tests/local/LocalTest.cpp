@@ -193,13 +193,13 @@ TEST_F(LocalTest, UnixDomainStreamPeersAreServedRemovedAndForgottenWhenTheyLeave
     EXPECT_EQ(sock, ev.recvSock);
 
     EXPECT_TRUE(NetCore_UnixDomain_Send(other, "reply", 5, "ignored in stream mode"));
-    EXPECT_EQ(5, recv(staying.Get(), buffer, sizeof(buffer), 0));
+    EXPECT_EQ(5, recv(staying.Get(), buffer, sizeof(buffer), MSG_DONTWAIT));  // queued by Send
     EXPECT_STREQ("reply", buffer);
 
     // Remove closes a peer without the leave callback; a second Remove finds nothing
     EXPECT_TRUE(NetCore_UnixDomain_Remove(other));
     EXPECT_TRUE(NetCore_UnixDomain_Remove(other));
-    EXPECT_EQ(0, read(staying.Get(), buffer, 1));
+    EXPECT_EQ(0, recv(staying.Get(), buffer, 1, MSG_DONTWAIT));
 
     // a peer that closes its end is reported once, with the receive callback's argument
     leaving.Reset();
@@ -230,7 +230,7 @@ TEST_F(LocalTest, UnixDomainPeerAcceptedWithoutAcceptCallbackIsServedButNotInThe
     // Stop closes it all the same
     EXPECT_TRUE(NetCore_UnixDomain_Stop());
     char byte;
-    EXPECT_EQ(0, read(client.Get(), &byte, 1));
+    EXPECT_EQ(0, recv(client.Get(), &byte, 1, MSG_DONTWAIT));
 }
 
 TEST_F(LocalTest, UnixDomainDatagramServerReceivesAndAnswersAtThePeersPath) {
@@ -255,10 +255,11 @@ TEST_F(LocalTest, UnixDomainDatagramServerReceivesAndAnswersAtThePeersPath) {
     EXPECT_FALSE(ErrorFlag());
     sockaddr_un from{};
     socklen_t fromLen = sizeof(from);
-    EXPECT_EQ(3, recvfrom(peer.Get(), buffer, sizeof(buffer), 0, reinterpret_cast<sockaddr*>(&from), &fromLen));
+    EXPECT_EQ(3,
+              recvfrom(peer.Get(), buffer, sizeof(buffer), MSG_DONTWAIT, reinterpret_cast<sockaddr*>(&from), &fromLen));
     EXPECT_STREQ("ack", buffer);
     EXPECT_STREQ(path.c_str(), from.sun_path);
-    EXPECT_EQ(0, recv(peer.Get(), buffer, sizeof(buffer), 0));
+    EXPECT_EQ(0, recv(peer.Get(), buffer, sizeof(buffer), MSG_DONTWAIT));  // already queued
 
     std::string nobody = Fresh("udnobody"), overlong = "/tmp/" + std::string(200, 'y');
     ExpectFails(NetCore_UnixDomain_Send(0, nullptr, 1, peerPath.c_str()), ERROR_NETCORE_UNIXDOMAIN_SEND_PARAMENT);
@@ -274,7 +275,7 @@ TEST_F(LocalTest, UnixDomainStopFromAReceiveCallbackEndsEveryThread) {
     ASSERT_EQ(4, write(client.Get(), "stop", 4));
     ASSERT_TRUE(Wait([&] { return ev.stops == 1; }));
     char byte;
-    EXPECT_EQ(0, read(client.Get(), &byte, 1));
+    EXPECT_EQ(0, recv(client.Get(), &byte, 1, MSG_DONTWAIT));
     EXPECT_NE(0, access(path.c_str(), F_OK));
     // the fixture checks that no thread is left
 }
