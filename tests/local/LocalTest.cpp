@@ -1,0 +1,557 @@
+// The local channels through their exported functions: the Unix-domain server with its peers on
+// sockets of this process, anonymous pipes, FIFOs, the mailslot registry, mapped regions and System V
+// segments.
+#include <sys/mman.h>
+#include <sys/shm.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "../../src/local/NetCore_PIPMailSlot.h"
+#include "Ombrelt_NetCore.h"
+#include "TestSupport.h"
+
+namespace {
+
+// What mmap refuses in this executable, standing in for a security policy: 1 refuses mappings
+// that ask for PROT_EXEC (as an Android app's SELinux domain may), 2 refuses shared ones as well.
+int g_policy = 0;
+int g_refused = 0;
+
+}  // namespace
+
+// The library's mmap calls bind to this definition first (it is exported from the executable). What
+// is not refused goes to the system call directly: the next mmap in the lookup order may be a
+// sanitizer's, not ready for the calls made while the process starts; nor may this be instrumented.
+extern "C" __attribute__((visibility("default"), no_sanitize("address", "thread", "undefined"))) void* mmap(
+    void* addr, size_t length, int prot, int flags, int fd, off_t offset) noexcept {
+    int policy = __atomic_load_n(&g_policy, __ATOMIC_SEQ_CST);
+    if ((policy >= 1 && (prot & PROT_EXEC) != 0) || (policy == 2 && (flags & MAP_SHARED) != 0)) {
+        __atomic_add_fetch(&g_refused, 1, __ATOMIC_SEQ_CST);
+        errno = EACCES;
+        return MAP_FAILED;
+    }
+    return reinterpret_cast<void*>(syscall(SYS_mmap, addr, length, prot, flags, fd, offset));
+}
+
+namespace {
+
+using nctest::ErrorFlag;
+using nctest::Fd;
+
+// A call that failed, and the error state it left.
+void ExpectFails(bool result, unsigned long long code) {
+    EXPECT_FALSE(result);
+    EXPECT_TRUE(ErrorFlag());
+    EXPECT_EQ(code, NetCore_GetLastError(nullptr));
+}
+
+std::string Fresh(const char* tag) {
+    static int counter = 0;
+    return "/tmp/nctest_" + std::string(tag) + std::to_string(getpid()) + "_" + std::to_string(counter++);
+}
+
+// Type and permission bits of path, or -1 when there is nothing there; with type, what a file of
+// that type made with mode 0777 has.
+int Mode(const std::string& path, int type = 0) {
+    struct stat st {};
+    mode_t mask = umask(0);
+    umask(mask);
+    if (type != 0) return type | (0777 & ~static_cast<int>(mask));
+    return lstat(path.c_str(), &st) == 0 ? static_cast<int>(st.st_mode) : -1;
+}
+
+sockaddr_un Addr(const std::string& path) {
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    strncpy(addr.sun_path, path.c_str(), sizeof(addr.sun_path) - 1);
+    return addr;
+}
+
+// What the callbacks saw.
+struct Events {
+    std::mutex mu;
+    std::vector<int> accepted, lens, left;
+    std::vector<void*> leftParams;
+    std::string data, addrTexts;
+    int recvSock = -1;
+    bool stopInRecv = false;
+    int stops = 0;
+};
+
+bool OnAccept(const char* addr, int sock, void* param) {
+    auto* ev = static_cast<Events*>(param);
+    std::lock_guard<std::mutex> lock(ev->mu);
+    ev->accepted.push_back(sock);
+    ev->addrTexts += addr;
+    return false;  // does not refuse the peer
+}
+
+void OnRecv(const char* addr, int sock, const char* data, int len, void* param) {
+    auto* ev = static_cast<Events*>(param);
+    {
+        std::lock_guard<std::mutex> lock(ev->mu);
+        ev->addrTexts += addr;
+        ev->recvSock = sock;
+        ev->lens.push_back(len);
+        ev->data.append(data, static_cast<size_t>(len));
+        if (!ev->stopInRecv) return;
+    }
+    NetCore_UnixDomain_Stop();
+    std::lock_guard<std::mutex> lock(ev->mu);
+    ev->stops++;
+}
+
+void OnLeave(const char* addr, int sock, void* param) {
+    auto* ev = static_cast<Events*>(param);
+    std::lock_guard<std::mutex> lock(ev->mu);
+    ev->addrTexts += addr;
+    ev->left.push_back(sock);
+    ev->leftParams.push_back(param);
+}
+
+class LocalTest : public nctest::NetCoreTest {
+protected:
+    void TearDown() override {
+        NetCore_UnixDomain_Stop();
+        for (const std::string& each : {path, peerPath, fifo, file})
+            unlink(each.c_str());
+        nctest::NetCoreTest::TearDown();
+    }
+    void Start(bool stream, bool withAccept = true) {
+        NetCore_UnixDomain_SetCallback(withAccept ? OnAccept : nullptr, OnRecv, OnLeave, &ev, &ev, &leaveParam);
+        ASSERT_TRUE(NetCore_UnixDomain_Start(path.c_str(), stream));
+        EXPECT_FALSE(ErrorFlag());
+    }
+    Fd Connect() {
+        Fd fd(socket(AF_UNIX, SOCK_STREAM, 0));
+        sockaddr_un addr = Addr(path);
+        EXPECT_EQ(0, connect(fd.Get(), reinterpret_cast<sockaddr*>(&addr), sizeof(addr))) << strerror(errno);
+        return fd;
+    }
+    template <typename Pred>
+    bool Wait(Pred pred) {
+        return nctest::WaitFor([&] {
+            std::lock_guard<std::mutex> lock(ev.mu);
+            return pred();
+        });
+    }
+    Events ev;
+    int leaveParam = 0;  // registered for the leave callback, which is given the receive one's instead
+    std::string path = Fresh("ud"), peerPath = Fresh("udpeer"), fifo = Fresh("fifo"), file = Fresh("mmap");
+    char buffer[64] = {};
+    int len = sizeof(buffer);
+};
+
+TEST_F(LocalTest, UnixDomainStartBindsThePathAndStopUnlinksIt) {
+    ExpectFails(NetCore_UnixDomain_Start(nullptr, true), ERROR_NETCORE_UNIXDOMAIN_START_PARAMENT);
+    // a path too long for the address is refused, not cut
+    ExpectFails(NetCore_UnixDomain_Start(("/tmp/" + std::string(120, 'x')).c_str(), true),
+                ERROR_NETCORE_UNIXDOMAIN_START_BIND);
+
+    Start(true);
+    ExpectFails(NetCore_UnixDomain_Start(path.c_str(), true), ERROR_NETCORE_UNIXDOMAIN_START_BIND);
+    // the failed Start left the running server alone
+    Fd client = Connect();
+    EXPECT_TRUE(Wait([&] { return ev.accepted.size() == 1; }));
+    EXPECT_TRUE(NetCore_UnixDomain_Stop());
+    EXPECT_NE(0, access(path.c_str(), F_OK));
+    EXPECT_TRUE(NetCore_UnixDomain_Start(path.c_str(), false));
+    EXPECT_TRUE(NetCore_UnixDomain_Stop());
+
+    // a second Stop leaves alone a socket bound at the path since
+    Fd other(socket(AF_UNIX, SOCK_DGRAM, 0));
+    sockaddr_un addr = Addr(path);
+    ASSERT_EQ(0, bind(other.Get(), reinterpret_cast<sockaddr*>(&addr), sizeof(addr)));
+    EXPECT_TRUE(NetCore_UnixDomain_Stop());
+    EXPECT_EQ(0, access(path.c_str(), F_OK));
+    ExpectFails(NetCore_UnixDomain_Start(path.c_str(), false), ERROR_NETCORE_UNIXDOMAIN_START_BIND);
+}
+
+// A peer's receive thread writes the error state each time its readiness wait runs out, so error
+// states are read here before any peer is there, or retried.
+TEST_F(LocalTest, UnixDomainStreamPeersAreServedRemovedAndForgottenWhenTheyLeave) {
+    Start(true);
+    ExpectFails(NetCore_UnixDomain_Send(0, nullptr, 1, nullptr), ERROR_NETCORE_UNIXDOMAIN_SEND_PARAMENT);
+    ExpectFails(NetCore_UnixDomain_Send(-1, "x", 1, nullptr), ERROR_NETCORE_UNIXDOMAIN_SEND_NOTFOUND);
+    Fd staying = Connect(), leaving = Connect();
+    ASSERT_TRUE(Wait([&] { return ev.accepted.size() == 2; }));
+    ASSERT_EQ(5, write(leaving.Get(), "hello", 5));
+    ASSERT_TRUE(Wait([&] { return ev.data == "hello"; }));
+    int other = ev.accepted[0], sock = ev.accepted[1];
+    EXPECT_EQ(sock, ev.recvSock);
+
+    EXPECT_TRUE(NetCore_UnixDomain_Send(other, "reply", 5, "ignored in stream mode"));
+    EXPECT_EQ(5, recv(staying.Get(), buffer, sizeof(buffer), MSG_DONTWAIT));  // queued by Send
+    EXPECT_STREQ("reply", buffer);
+
+    // Remove closes a peer without the leave callback; a second Remove finds nothing
+    EXPECT_TRUE(NetCore_UnixDomain_Remove(other));
+    EXPECT_TRUE(NetCore_UnixDomain_Remove(other));
+    EXPECT_EQ(0, recv(staying.Get(), buffer, 1, MSG_DONTWAIT));
+
+    // a peer that closes its end is reported once, with the receive callback's argument
+    leaving.Reset();
+    ASSERT_TRUE(Wait([&] { return ev.left.size() == 1; }));
+    EXPECT_EQ(sock, ev.left[0]);
+    EXPECT_EQ(static_cast<void*>(&ev), ev.leftParams[0]);
+    EXPECT_EQ("", ev.addrTexts);  // peers have no address text
+    // the close thread forgets it within about a second (a Send meanwhile fails with EPIPE)
+    EXPECT_TRUE(nctest::WaitFor([&] {
+        return !NetCore_UnixDomain_Send(sock, "x", 1, nullptr) &&
+               NetCore_GetLastError(nullptr) == ERROR_NETCORE_UNIXDOMAIN_SEND_NOTFOUND;
+    }));
+    EXPECT_EQ(1u, ev.left.size());
+}
+
+TEST_F(LocalTest, UnixDomainPeerAcceptedWithoutAcceptCallbackIsServedButNotInTheTable) {
+    Start(true, false);
+    Fd client = Connect();
+    ASSERT_EQ(3, write(client.Get(), "abc", 3));
+    ASSERT_TRUE(Wait([&] { return ev.data == "abc"; }));
+    EXPECT_TRUE(nctest::WaitFor([&] {
+        return !NetCore_UnixDomain_Send(ev.recvSock, "x", 1, nullptr) &&
+               NetCore_GetLastError(nullptr) == ERROR_NETCORE_UNIXDOMAIN_SEND_NOTFOUND;
+    }));
+    EXPECT_TRUE(NetCore_UnixDomain_Remove(ev.recvSock));
+    ASSERT_EQ(3, write(client.Get(), "def", 3));
+    ASSERT_TRUE(Wait([&] { return ev.data == "abcdef"; }));
+    // Stop closes it all the same
+    EXPECT_TRUE(NetCore_UnixDomain_Stop());
+    char byte;
+    EXPECT_EQ(0, recv(client.Get(), &byte, 1, MSG_DONTWAIT));
+}
+
+TEST_F(LocalTest, UnixDomainDatagramServerReceivesAndAnswersAtThePeersPath) {
+    Start(false);
+    Fd peer(socket(AF_UNIX, SOCK_DGRAM, 0));
+    sockaddr_un own = Addr(peerPath), server = Addr(path);
+    ASSERT_EQ(0, bind(peer.Get(), reinterpret_cast<sockaddr*>(&own), sizeof(own)));
+    // an empty datagram reaches no callback; a long one is cut to 2048 bytes
+    std::string big(3000, 'z');
+    for (const std::string& datagram : {std::string(), std::string("hi"), big}) {
+        ASSERT_EQ(static_cast<ssize_t>(datagram.size()), sendto(peer.Get(), datagram.data(), datagram.size(), 0,
+                                                                reinterpret_cast<sockaddr*>(&server), sizeof(server)));
+    }
+    ASSERT_TRUE(Wait([&] { return ev.lens.size() >= 2; }));
+    EXPECT_EQ(std::vector<int>({2, 2048}), ev.lens);
+    EXPECT_EQ("hi" + big.substr(0, 2048), ev.data);
+    EXPECT_TRUE(ev.accepted.empty());
+
+    // hSocket is ignored: the answer leaves the server's socket for the path given
+    EXPECT_TRUE(NetCore_UnixDomain_Send(12345, "ack", 3, peerPath.c_str()));
+    EXPECT_TRUE(NetCore_UnixDomain_Send(-1, "", 0, peerPath.c_str()));
+    EXPECT_FALSE(ErrorFlag());
+    sockaddr_un from{};
+    socklen_t fromLen = sizeof(from);
+    EXPECT_EQ(3,
+              recvfrom(peer.Get(), buffer, sizeof(buffer), MSG_DONTWAIT, reinterpret_cast<sockaddr*>(&from), &fromLen));
+    EXPECT_STREQ("ack", buffer);
+    EXPECT_STREQ(path.c_str(), from.sun_path);
+    EXPECT_EQ(0, recv(peer.Get(), buffer, sizeof(buffer), MSG_DONTWAIT));  // already queued
+
+    std::string nobody = Fresh("udnobody"), overlong = "/tmp/" + std::string(200, 'y');
+    ExpectFails(NetCore_UnixDomain_Send(0, nullptr, 1, peerPath.c_str()), ERROR_NETCORE_UNIXDOMAIN_SEND_PARAMENT);
+    ExpectFails(NetCore_UnixDomain_Send(0, "x", 1, nobody.c_str()), ERROR_NETCORE_UNIXDOMAIN_SEND_FAILED);
+    ExpectFails(NetCore_UnixDomain_Send(0, "x", 1, overlong.c_str()), ERROR_NETCORE_UNIXDOMAIN_SEND_FAILED);
+    ExpectFails(NetCore_UnixDomain_Send(0, "x", -1, peerPath.c_str()), ERROR_NETCORE_UNIXDOMAIN_SEND_FAILED);
+}
+
+TEST_F(LocalTest, UnixDomainStopFromAReceiveCallbackEndsEveryThread) {
+    ev.stopInRecv = true;
+    Start(true);
+    Fd client = Connect();
+    ASSERT_EQ(4, write(client.Get(), "stop", 4));
+    ASSERT_TRUE(Wait([&] { return ev.stops == 1; }));
+    char byte;
+    EXPECT_EQ(0, recv(client.Get(), &byte, 1, MSG_DONTWAIT));
+    EXPECT_NE(0, access(path.c_str(), F_OK));
+    // the fixture checks that no thread is left
+}
+
+TEST_F(LocalTest, ArgumentsAndUnknownNamesAreRefusedAndTheMailSlotMovesNoData) {
+    CNetCore_PIPMailSlot slot;
+    int id = -1;
+    const int page = getpagesize();
+    const std::string inMissingDir = Fresh("nodir") + "/file";
+    struct {
+        std::function<bool()> call;
+        unsigned long long code;
+    } rows[] = {
+        {[&] { return NetCore_PIPAnonymous_Create(nullptr, nullptr); }, ERROR_NETCORE_PIPE_ANONYMOUS_PARAMENT},
+        {[&] { return NetCore_PIPAnonymous_Read(nullptr, buffer, &len); }, ERROR_NETCORE_PIPE_ANONYMOUS_READ_PARAMENT},
+        {[&] { return NetCore_PIPAnonymous_Read("p", nullptr, &len); }, ERROR_NETCORE_PIPE_ANONYMOUS_READ_PARAMENT},
+        {[&] { return NetCore_PIPAnonymous_Read("p", buffer, nullptr); }, ERROR_NETCORE_PIPE_ANONYMOUS_READ_PARAMENT},
+        {[&] { return NetCore_PIPAnonymous_Read("p", buffer, &len); }, ERROR_NETCORE_PIPE_ANONYMOUS_READ_NOTFOUND},
+        {[&] { return NetCore_PIPAnonymous_Write(nullptr, "x", 1); }, ERROR_NETCORE_PIPE_ANONYMOUS_WRITE_PARAMENT},
+        {[&] { return NetCore_PIPAnonymous_Write("p", nullptr, 1); }, ERROR_NETCORE_PIPE_ANONYMOUS_WRITE_PARAMENT},
+        {[&] { return NetCore_PIPAnonymous_Write("p", "x", 1); }, ERROR_NETCORE_PIPE_ANONYMOUS_WRITE_NOTFOUND},
+        {[&] { return NetCore_PIPNamed_Create(nullptr); }, ERROR_NETCORE_PIPE_NAMED_PARAMENT},
+        {[&] { return NetCore_PIPNamed_OPen(nullptr); }, ERROR_NETCORE_PIPE_NAMED_OPEN_PARAMENT},
+        {[&] { return NetCore_PIPNamed_OPen(fifo.c_str()); }, ERROR_NETCORE_PIPE_NAMED_OPEN_FAILED},
+        {[&] { return NetCore_PIPNamed_WaitConnect(nullptr); }, ERROR_NETCORE_PIPE_NAMED_WAIT_PARAMENT},
+        {[&] { return NetCore_PIPNamed_Read(nullptr, buffer, &len); }, ERROR_NETCORE_PIPE_NAMED_READ_PARAMENT},
+        {[&] { return NetCore_PIPNamed_Read("p", nullptr, &len); }, ERROR_NETCORE_PIPE_NAMED_READ_PARAMENT},
+        {[&] { return NetCore_PIPNamed_Read("p", buffer, nullptr); }, ERROR_NETCORE_PIPE_NAMED_READ_PARAMENT},
+        {[&] { return NetCore_PIPNamed_Read("p", buffer, &len); }, ERROR_NETCORE_PIPE_NAMED_READ_NOTFOUND},
+        {[&] { return NetCore_PIPNamed_Write(nullptr, "x", 1); }, ERROR_NETCORE_PIPE_NAMED_WRITE_PARAMENT},
+        {[&] { return NetCore_PIPNamed_Write("p", nullptr, 1); }, ERROR_NETCORE_PIPE_NAMED_WRITE_PARAMENT},
+        {[&] { return NetCore_PIPNamed_Write("p", "x", 1); }, ERROR_NETCORE_PIPE_NAMED_WRITE_NOTFOUND},
+        {[&] { return slot.NetCore_PIPMailSlot_Create(nullptr); }, ERROR_NETCORE_PIPE_MAILSLOT_PARAMENT},
+        {[&] { return slot.NetCore_PIPMailSlot_OPen(nullptr); }, ERROR_NETCORE_PIPE_MAILSLOT_OPEN_PARAMENT},
+        {[&] { return slot.NetCore_PIPMailSlot_Read(nullptr, buffer, &len); },
+         ERROR_NETCORE_PIPE_MAILSLOT_READ_PARAMENT},
+        {[&] { return slot.NetCore_PIPMailSlot_Read("s", nullptr, &len); }, ERROR_NETCORE_PIPE_MAILSLOT_READ_PARAMENT},
+        {[&] { return slot.NetCore_PIPMailSlot_Read("s", buffer, nullptr); },
+         ERROR_NETCORE_PIPE_MAILSLOT_READ_PARAMENT},
+        {[&] { return slot.NetCore_PIPMailSlot_Read("s", buffer, &len); }, ERROR_NETCORE_PIPE_MAILSLOT_READ_NOTFOUND},
+        {[&] { return slot.NetCore_PIPMailSlot_Write(nullptr, "x", 1); }, ERROR_NETCORE_PIPE_MAILSLOT_WRITE_PARAMENT},
+        {[&] { return slot.NetCore_PIPMailSlot_Write("s", nullptr, 1); }, ERROR_NETCORE_PIPE_MAILSLOT_WRITE_PARAMENT},
+        {[&] { return slot.NetCore_PIPMailSlot_Write("s", "x", 1); }, ERROR_NETCORE_PIPE_MAILSLOT_WRITE_NOTFOUND},
+        {[&] { return slot.NetCore_PIPMailSlot_SetAttr(nullptr, 1, 2); }, ERROR_NETCORE_PIPE_MAILSLOT_SETATTR_PARAMENT},
+        {[&] { return slot.NetCore_PIPMailSlot_GetAttr(nullptr, &id, &id, &id); },
+         ERROR_NETCORE_PIPE_MAILSLOT_GETATTR_PARAMENT},
+        {[&] { return NetCore_PIPMMap_Create(nullptr, nullptr, page); }, ERROR_NETCORE_PIPE_MMAP_PARAMENT},
+        {[&] { return NetCore_PIPMMap_Create("m", inMissingDir.c_str(), page); }, ERROR_NETCORE_PIPE_MMAP_OPENFILE},
+        {[&] { return NetCore_PIPMMap_Write(nullptr, buffer, 1, 0); }, ERROR_NETCORE_PIPE_MMAP_WRITE_PARAMENT},
+        {[&] { return NetCore_PIPMMap_Write("m", nullptr, 1, 0); }, ERROR_NETCORE_PIPE_MMAP_WRITE_PARAMENT},
+        {[&] { return NetCore_PIPMMap_Write("m", buffer, 1, 0); }, ERROR_NETCORE_PIPE_MMAP_WRITE_NOTFOUND},
+        // the codes from Read on have one hexadecimal digit fewer than the rest
+        {[&] { return NetCore_PIPMMap_Read(nullptr, buffer, 1, 0); }, 0x0020A120},
+        {[&] { return NetCore_PIPMMap_Read("m", nullptr, 1, 0); }, 0x0020A120},
+        {[&] { return NetCore_PIPMMap_Read("m", buffer, 1, 0); }, 0x0020A121},
+        {[&] { return NetCore_PIPMMap_OPen(nullptr); }, 0x0020A130},
+        {[&] { return NetCore_PIPMMap_GetPointer(nullptr) != nullptr; }, 0x0020A140},
+        {[&] { return NetCore_PIPMMap_GetPointer("m") != nullptr; }, 0x0020A141},
+        {[&] { return NetCore_PIPMMap_FreePointer(nullptr); }, 0x0020A150},
+        {[&] { return NetCore_PIPIpc_Create(nullptr, page); }, ERROR_NETCORE_PIPE_IPC_PARAMENT},
+        {[&] { return NetCore_PIPIpc_Create(&id, page + 1); }, ERROR_NETCORE_PIPE_IPC_SIZE},
+        {[&] { return NetCore_PIPIpc_Create(&id, 0); }, ERROR_NETCORE_PIPE_IPC_SHMGET},
+    };
+    for (auto& row : rows) {
+        SCOPED_TRACE(&row - rows);
+        nctest::ResetErrorState();
+        ExpectFails(row.call(), row.code);
+    }
+    EXPECT_EQ(-1, id);
+
+    // the mailslot registry keeps names and moves no data
+    ASSERT_TRUE(slot.NetCore_PIPMailSlot_Create("slot"));
+    ASSERT_TRUE(slot.NetCore_PIPMailSlot_OPen("other"));
+    EXPECT_FALSE(ErrorFlag());
+    EXPECT_TRUE(slot.NetCore_PIPMailSlot_Write("slot", "payload", 7));
+    EXPECT_TRUE(slot.NetCore_PIPMailSlot_Write("other", "x", 1));
+    strcpy(buffer, "untouched");
+    len = 5;
+    EXPECT_TRUE(slot.NetCore_PIPMailSlot_Read("slot", buffer, &len));
+    EXPECT_TRUE(ErrorFlag()) << "Read leaves the flag set even when it succeeds";
+    EXPECT_EQ(5, len);
+    EXPECT_STREQ("untouched", buffer);
+    int attr = 11;
+    EXPECT_TRUE(slot.NetCore_PIPMailSlot_SetAttr("slot", 1, 2));
+    EXPECT_TRUE(slot.NetCore_PIPMailSlot_GetAttr("slot", &attr, &attr, &attr));
+    EXPECT_FALSE(ErrorFlag());
+    EXPECT_EQ(11, attr);
+    EXPECT_TRUE(slot.NetCore_PIPMailSlot_Close("slot"));
+    EXPECT_TRUE(slot.NetCore_PIPMailSlot_Close("never there"));
+    ExpectFails(slot.NetCore_PIPMailSlot_Write("slot", "x", 1), ERROR_NETCORE_PIPE_MAILSLOT_WRITE_NOTFOUND);
+}
+
+TEST_F(LocalTest, AnonymousPipeCarriesDataUntilClosed) {
+    int fds = nctest::CountOpenFds();
+    unsigned long reserved = 7;
+    ASSERT_TRUE(NetCore_PIPAnonymous_Create("a", &reserved));
+    EXPECT_FALSE(ErrorFlag());
+    // a second Create under the name keeps the first pipe and leaks nothing
+    ASSERT_TRUE(NetCore_PIPAnonymous_Create("a", nullptr));
+    EXPECT_EQ(fds + 2, nctest::CountOpenFds());
+    EXPECT_TRUE(NetCore_PIPAnonymous_Write("a", "hello", 5));
+    EXPECT_FALSE(ErrorFlag());
+    EXPECT_TRUE(NetCore_PIPAnonymous_Read("a", buffer, &len));
+    EXPECT_EQ(5, len);
+    EXPECT_STREQ("hello", buffer);
+    EXPECT_FALSE(ErrorFlag());
+
+    len = -1;
+    ExpectFails(NetCore_PIPAnonymous_Read("a", buffer, &len), ERROR_NETCORE_PIPE_ANONYMOUS_READ_FAILED);
+    ExpectFails(NetCore_PIPAnonymous_Write("a", buffer, -1), ERROR_NETCORE_PIPE_ANONYMOUS_WRITE_FAILED);
+    EXPECT_TRUE(NetCore_PIPAnonymous_Close("a"));
+    EXPECT_TRUE(NetCore_PIPAnonymous_Close("a"));
+    EXPECT_FALSE(ErrorFlag());
+    EXPECT_EQ(fds, nctest::CountOpenFds());
+}
+
+TEST_F(LocalTest, NamedPipeIsAFifoOnDiskThatTheCreatorUnlinks) {
+    ASSERT_TRUE(NetCore_PIPNamed_Create(fifo.c_str()));
+    EXPECT_TRUE(ErrorFlag()) << "Create leaves the flag set even when it succeeds";
+    EXPECT_EQ(0ULL, NetCore_GetLastError(nullptr));
+    EXPECT_EQ(Mode(fifo, S_IFIFO), Mode(fifo));
+    ExpectFails(NetCore_PIPNamed_Create(fifo.c_str()), ERROR_NETCORE_PIPE_NAMED_MKFIFO);
+
+    // nothing in it yet: the non-blocking read fails at once
+    int sysError = 0;
+    bool read = NetCore_PIPNamed_Read(fifo.c_str(), buffer, &len);
+    NetCore_GetLastError(&sysError);
+    ExpectFails(read, ERROR_NETCORE_PIPE_NAMED_READ_FAILED);
+    EXPECT_EQ(EAGAIN, sysError);
+
+    // a second opening of the same FIFO under another spelling of its path
+    const std::string alias = "/tmp/." + fifo.substr(4);
+    ASSERT_TRUE(NetCore_PIPNamed_OPen(alias.c_str()));
+    EXPECT_TRUE(NetCore_PIPNamed_WaitConnect(alias.c_str()));
+    EXPECT_TRUE(NetCore_PIPNamed_Write(alias.c_str(), "fifo data", 9));
+    EXPECT_FALSE(ErrorFlag());
+    EXPECT_TRUE(NetCore_PIPNamed_Read(fifo.c_str(), buffer, &len));
+    EXPECT_FALSE(ErrorFlag());
+    EXPECT_EQ(9, len);
+    EXPECT_STREQ("fifo data", buffer);
+
+    len = -1;
+    ExpectFails(NetCore_PIPNamed_Read(fifo.c_str(), buffer, &len), ERROR_NETCORE_PIPE_NAMED_READ_FAILED);
+    ExpectFails(NetCore_PIPNamed_Write(fifo.c_str(), buffer, -1), ERROR_NETCORE_PIPE_NAMED_WRITE_FAILED);
+    std::string big(1 << 20, 'b');  // more than the FIFO holds: the non-blocking write is short
+    ExpectFails(NetCore_PIPNamed_Write(fifo.c_str(), big.data(), static_cast<int>(big.size())),
+                ERROR_NETCORE_PIPE_NAMED_WRITE_LEN);
+
+    // Close with any path closes the first stored FIFO; only the creator's unlinks the path
+    EXPECT_TRUE(NetCore_PIPNamed_Close("no such fifo"));
+    len = 1;
+    bool creatorLeft = NetCore_PIPNamed_Read(fifo.c_str(), buffer, &len);
+    EXPECT_EQ(creatorLeft, Mode(fifo) != -1);
+    EXPECT_TRUE(NetCore_PIPNamed_Close(nullptr));
+    EXPECT_EQ(-1, Mode(fifo));
+    EXPECT_TRUE(NetCore_PIPNamed_Close(fifo.c_str()));
+    EXPECT_FALSE(ErrorFlag());
+}
+
+TEST_F(LocalTest, MappedRegionIsReachedAtAnyOffsetAndByPointer) {
+    const int page = getpagesize();
+    ASSERT_TRUE(NetCore_PIPMMap_Create("region", file.c_str(), 100));
+    EXPECT_FALSE(ErrorFlag());
+    EXPECT_EQ(Mode(file, S_IFREG), Mode(file));
+    char first[] = "first", one = '!';
+    EXPECT_TRUE(NetCore_PIPMMap_Write("region", first, 5, 0));
+    EXPECT_TRUE(ErrorFlag()) << "Write leaves the flag set even when it succeeds";
+    EXPECT_TRUE(NetCore_PIPMMap_Write("region", &one, 1, page - 1));  // past the size, inside the page
+    EXPECT_TRUE(NetCore_PIPMMap_Read("region", buffer, 3, 2));
+    EXPECT_FALSE(ErrorFlag());
+    EXPECT_STREQ("rst", buffer);
+    EXPECT_TRUE(NetCore_PIPMMap_Read("region", buffer, 1, page - 1));
+    EXPECT_EQ('!', buffer[0]);
+
+    // the pointer reaches the same bytes and stays valid until Close
+    auto* base = static_cast<char*>(NetCore_PIPMMap_GetPointer("region"));
+    ASSERT_NE(nullptr, base);
+    EXPECT_EQ(0, memcmp(base, "first", 5));
+    base[50] = 'p';
+    EXPECT_TRUE(NetCore_PIPMMap_FreePointer("region"));
+    EXPECT_TRUE(NetCore_PIPMMap_OPen("region"));
+    EXPECT_TRUE(NetCore_PIPMMap_Read("region", buffer, 1, 50));
+    EXPECT_EQ('p', buffer[0]);
+    // a second Create under the name keeps the region
+    EXPECT_TRUE(NetCore_PIPMMap_Create("region", nullptr, 8192));
+    EXPECT_EQ(base, NetCore_PIPMMap_GetPointer("region"));
+
+    // offsets are not refused, and nothing outside the mapping is touched; bytes there read as 0
+    char data[64];
+    memset(data, 'd', sizeof(data));
+    for (int pos : {page - 32, 1 << 30, -32})
+        EXPECT_TRUE(NetCore_PIPMMap_Write("region", data, 64, pos));
+    EXPECT_TRUE(NetCore_PIPMMap_Write("region", data, -5, 0));
+    memset(buffer, 'x', sizeof(buffer));
+    EXPECT_TRUE(NetCore_PIPMMap_Read("region", buffer, 64, page - 32));
+    EXPECT_EQ(std::string(32, 'd') + std::string(32, '\0'), std::string(buffer, 64));
+    EXPECT_TRUE(NetCore_PIPMMap_Read("region", buffer, 64, -32));
+    EXPECT_EQ(std::string(32, '\0') + std::string(32, 'd'), std::string(buffer, 64));
+
+    // the region never reaches the file
+    struct stat st {};
+    ASSERT_EQ(0, stat(file.c_str(), &st));
+    EXPECT_EQ(0, st.st_size);
+    EXPECT_TRUE(NetCore_PIPMMap_Close("region"));  // closes the file too (the fixture counts)
+    EXPECT_TRUE(NetCore_PIPMMap_Close("region"));
+    ExpectFails(NetCore_PIPMMap_Read("region", buffer, 1, 0), ERROR_NETCORE_PIPE_MMAP_READ_NOTFOUND);
+}
+
+// Where executable memory is refused the region is mapped without it and works alike; a mapping
+// refused outright leaves a region of no bytes.
+TEST_F(LocalTest, MappedRegionIsSharedWithAForkedChildUnderEveryPolicy) {
+    const char text[] = "written by the child";
+    for (int policy : {0, 1, 2}) {
+        SCOPED_TRACE(policy);
+        __atomic_store_n(&g_refused, 0, __ATOMIC_SEQ_CST);
+        __atomic_store_n(&g_policy, policy, __ATOMIC_SEQ_CST);
+        bool created = NetCore_PIPMMap_Create("shared", nullptr, 4096);
+        __atomic_store_n(&g_policy, 0, __ATOMIC_SEQ_CST);
+        ASSERT_TRUE(created);
+        EXPECT_FALSE(ErrorFlag());
+        EXPECT_EQ(policy, __atomic_load_n(&g_refused, __ATOMIC_SEQ_CST));
+        EXPECT_EQ(policy == 2, NetCore_PIPMMap_GetPointer("shared") == MAP_FAILED);
+        fflush(nullptr);
+        pid_t child = fork();
+        if (child == 0) _exit(NetCore_PIPMMap_Write("shared", const_cast<char*>(text), sizeof(text), 128) ? 0 : 1);
+        int status = -1;
+        ASSERT_EQ(child, waitpid(child, &status, 0));
+        EXPECT_EQ(0, status);
+        memset(buffer, 'x', sizeof(buffer));
+        EXPECT_TRUE(NetCore_PIPMMap_Read("shared", buffer, sizeof(text), 128));
+        EXPECT_EQ(policy == 2 ? std::string(sizeof(text), '\0') : std::string(text, sizeof(text)),
+                  std::string(buffer, sizeof(text)));
+        EXPECT_TRUE(NetCore_PIPMMap_Close("shared"));
+    }
+}
+
+TEST_F(LocalTest, SegmentIsAttachedTwiceAndRemoved) {
+    struct Segment {
+        int id = -1;
+        ~Segment() {
+            if (id != -1) shmctl(id, IPC_RMID, nullptr);
+        }
+    } seg, keyed;
+    const int page = getpagesize();
+    ASSERT_TRUE(NetCore_PIPIpc_Create(&seg.id, 2 * page));
+    EXPECT_FALSE(ErrorFlag());
+    shmid_ds info{};
+    ASSERT_EQ(0, shmctl(seg.id, IPC_STAT, &info));
+    EXPECT_EQ(0600u, info.shm_perm.mode & 0777u);
+
+    auto* first = static_cast<char*>(NetCore_PIPIpc_Get(seg.id));
+    auto* second = static_cast<char*>(NetCore_PIPIpc_Get(seg.id));
+    ASSERT_NE(reinterpret_cast<void*>(-1), first);
+    ASSERT_NE(reinterpret_cast<void*>(-1), second);
+    EXPECT_FALSE(ErrorFlag());
+    strcpy(first + page, "shared");
+    EXPECT_STREQ("shared", second + page);
+    EXPECT_TRUE(NetCore_PIPIpc_Free(second));
+    EXPECT_TRUE(NetCore_PIPIpc_Free(second)) << "Free is true whatever shmdt says";
+    EXPECT_TRUE(NetCore_PIPIpc_Free(first));
+    EXPECT_TRUE(NetCore_PIPIpc_Close(seg.id));
+    EXPECT_TRUE(NetCore_PIPIpc_Close(seg.id));
+    EXPECT_FALSE(ErrorFlag());
+    // a removed segment: attaching hands back shmat's failure value with no code
+    EXPECT_EQ(reinterpret_cast<void*>(-1), NetCore_PIPIpc_Get(seg.id));
+    EXPECT_FALSE(ErrorFlag());
+    seg.id = -1;
+
+    // OPen looks a segment up by key
+    key_t key = static_cast<key_t>(0x4E430000 | (getpid() & 0xFFFF));
+    keyed.id = shmget(key, page, IPC_CREAT | IPC_EXCL | 0600);
+    ASSERT_NE(-1, keyed.id) << "key in use: " << key;
+    EXPECT_TRUE(NetCore_PIPIpc_OPen(key));
+    EXPECT_FALSE(ErrorFlag());
+    ASSERT_EQ(0, shmctl(std::exchange(keyed.id, -1), IPC_RMID, nullptr));
+    ExpectFails(NetCore_PIPIpc_OPen(key), ERROR_NETCORE_PIPE_IPC_OPEN);
+}
+
+}  // namespace
