@@ -1,8 +1,6 @@
 // Broadcast and multicast endpoints through the exported functions. Only the namespace cases
 // broadcast or join a group; the others stay on loopback.
-#include <functional>
 #include <string>
-#include <vector>
 
 #include "DatagramTestUtil.h"
 
@@ -26,14 +24,8 @@ Received Recv(bool (*fpRecv)(int, char*, int*, char*, int), int hSocket, int nTi
     return {ok, ok ? std::string(buffer, static_cast<size_t>(len)) : "", addr};
 }
 
-using Rows = std::vector<std::pair<std::function<bool()>, unsigned long long>>;
-void ExpectRowsFail(const Rows& rows) {
-    for (size_t i = 0; i < rows.size(); i++) {
-        SCOPED_TRACE(i);
-        EXPECT_FALSE(rows[i].first());
-        ExpectFailure(rows[i].second);
-    }
-}
+using dgtest::ExpectRowsFail;
+using dgtest::Rows;
 
 using CastTest = nctest::NetCoreTest;
 using CastNsTest = dgtest::NamespaceTest;
@@ -44,24 +36,21 @@ TEST_F(CastTest, BroadCastCodesAndUnicastOnLoopback) {
     int room = sizeof(buffer);
     nctest::Fd stranger = nctest::BindUdp(AF_INET, &peerPort);
     ExpectRowsFail({
-        {[&] { return NetCore_BroadCast_Create(nullptr, 0, nullptr); }, ERROR_NETCORE_BROADCAST_PARAMENT},
+        FAILS(NetCore_BroadCast_Create(nullptr, 0, nullptr), ERROR_NETCORE_BROADCAST_PARAMENT),
         // no interface has this address; the fixture checks the socket was closed
-        {[&] { return NetCore_BroadCast_Create(&hSocket, 0, "192.0.2.77"); }, ERROR_NETCORE_BROADCAST_CREATE_BIND},
-        {[&] { return NetCore_BroadCast_Send(stranger.Get(), "abc", 3); }, ERROR_NETCORE_BROADCAST_NOTFOUND},
-        {[&] { return NetCore_BroadCast_Recv(stranger.Get(), buffer, &room, nullptr, 0); },
-         ERROR_NETCORE_BROADCAST_NOTFOUND},
+        FAILS(NetCore_BroadCast_Create(&hSocket, 0, "192.0.2.77"), ERROR_NETCORE_BROADCAST_CREATE_BIND),
+        FAILS(NetCore_BroadCast_Send(stranger.Get(), "abc", 3), ERROR_NETCORE_BROADCAST_NOTFOUND),
+        FAILS(NetCore_BroadCast_Recv(stranger.Get(), buffer, &room, nullptr, 0), ERROR_NETCORE_BROADCAST_NOTFOUND),
     });
     EXPECT_EQ(-7, hSocket);
     ASSERT_TRUE(NetCore_BroadCast_Create(&hSocket, 0, "127.0.0.1"));
     EXPECT_FALSE(ErrorFlag());
     ExpectRowsFail({
-        {[&] { return NetCore_BroadCast_Send(hSocket, nullptr, 4); }, ERROR_NETCORE_BROADCAST_PARAMENT},
-        {[&] { return NetCore_BroadCast_Send(hSocket, "abc", 0); }, ERROR_NETCORE_BROADCAST_PARAMENT},
-        {[&] { return NetCore_BroadCast_Recv(hSocket, nullptr, &room, nullptr, 0); }, ERROR_NETCORE_BROADCAST_PARAMENT},
-        {[&] { return NetCore_BroadCast_Recv(hSocket, buffer, nullptr, nullptr, 0); },
-         ERROR_NETCORE_BROADCAST_PARAMENT},
-        {[&] { return NetCore_BroadCast_Recv(hSocket, buffer, &room, nullptr, 0); },
-         ERROR_NETCORE_SOCKET_SELECT_TIMEOUT},
+        FAILS(NetCore_BroadCast_Send(hSocket, nullptr, 4), ERROR_NETCORE_BROADCAST_PARAMENT),
+        FAILS(NetCore_BroadCast_Send(hSocket, "abc", 0), ERROR_NETCORE_BROADCAST_PARAMENT),
+        FAILS(NetCore_BroadCast_Recv(hSocket, nullptr, &room, nullptr, 0), ERROR_NETCORE_BROADCAST_PARAMENT),
+        FAILS(NetCore_BroadCast_Recv(hSocket, buffer, nullptr, nullptr, 0), ERROR_NETCORE_BROADCAST_PARAMENT),
+        FAILS(NetCore_BroadCast_Recv(hSocket, buffer, &room, nullptr, 0), ERROR_NETCORE_SOCKET_SELECT_TIMEOUT),
     });
     EXPECT_TRUE(NetCore_BroadCast_Close(stranger.Get()));  // not ours: nothing to do
     EXPECT_FALSE(ErrorFlag());
@@ -81,8 +70,8 @@ TEST_F(CastTest, BroadCastCodesAndUnicastOnLoopback) {
     // a socket that never turns writable gives the wait's code, and its receive fails
     dgtest::BreakSocket(hSocket);
     ExpectRowsFail({
-        {[&] { return NetCore_BroadCast_Send(hSocket, "abc", 3); }, ERROR_NETCORE_SOCKET_SELECT_TIMEOUT},
-        {[&] { return Recv(NetCore_BroadCast_Recv, hSocket, -1).ok; }, ERROR_NETCORE_BROADCAST_RECV_FAILED},
+        FAILS(NetCore_BroadCast_Send(hSocket, "abc", 3), ERROR_NETCORE_SOCKET_SELECT_TIMEOUT),
+        FAILS(Recv(NetCore_BroadCast_Recv, hSocket, -1).ok, ERROR_NETCORE_BROADCAST_RECV_FAILED),
     });
     EXPECT_TRUE(NetCore_BroadCast_Close(hSocket));
     EXPECT_FALSE(NetCore_BroadCast_Send(hSocket, "abc", 3));  // closed: unknown
@@ -125,14 +114,11 @@ TEST_F(CastTest, GroupCastFailuresGiveTheirCodesAndKeepNothing) {
         // IPv6 endpoints (any number but AF_INET) end at their bind, whatever the addresses
         {fnCreate(&hSocket, "ff15::77", "::1", 0, AF_INET6), ERROR_NETCORE_GROUPCAST_CREATE_BIND},
         {fnCreate(&hSocket, nullptr, nullptr, 0, 0), ERROR_NETCORE_GROUPCAST_CREATE_BIND},
-        {[&] { return NetCore_GroupCast_Send(stranger.Get(), nullptr, 1); }, ERROR_NETCORE_GROUPCAST_PARAMENT},
-        {[&] { return NetCore_GroupCast_Recv(stranger.Get(), nullptr, &len, nullptr, 0); },
-         ERROR_NETCORE_GROUPCAST_PARAMENT},
-        {[&] { return NetCore_GroupCast_Recv(stranger.Get(), buffer, nullptr, nullptr, 0); },
-         ERROR_NETCORE_GROUPCAST_PARAMENT},
-        {[&] { return NetCore_GroupCast_Send(stranger.Get(), "abc", 3); }, ERROR_NETCORE_GROUPCAST_NOTFOUND},
-        {[&] { return NetCore_GroupCast_Recv(stranger.Get(), buffer, &len, nullptr, 0); },
-         ERROR_NETCORE_GROUPCAST_NOTFOUND},
+        FAILS(NetCore_GroupCast_Send(stranger.Get(), nullptr, 1), ERROR_NETCORE_GROUPCAST_PARAMENT),
+        FAILS(NetCore_GroupCast_Recv(stranger.Get(), nullptr, &len, nullptr, 0), ERROR_NETCORE_GROUPCAST_PARAMENT),
+        FAILS(NetCore_GroupCast_Recv(stranger.Get(), buffer, nullptr, nullptr, 0), ERROR_NETCORE_GROUPCAST_PARAMENT),
+        FAILS(NetCore_GroupCast_Send(stranger.Get(), "abc", 3), ERROR_NETCORE_GROUPCAST_NOTFOUND),
+        FAILS(NetCore_GroupCast_Recv(stranger.Get(), buffer, &len, nullptr, 0), ERROR_NETCORE_GROUPCAST_NOTFOUND),
     };
     // a group that is not a multicast address, or none, cannot be joined; to get that far the
     // platform must take the outgoing interface, which a user-mode emulator may not

@@ -8,7 +8,10 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <functional>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "Ombrelt_NetCore.h"
 #include "TestSupport.h"
@@ -18,6 +21,17 @@ namespace dgtest {
 inline void ExpectFailure(unsigned long long code) {
     EXPECT_TRUE(nctest::ErrorFlag());
     EXPECT_EQ(code, NetCore_GetLastError(nullptr));
+}
+
+// A table of calls that must each fail and leave their code.
+#define FAILS(call, code) std::make_pair(std::function<bool()>([&] { return call; }), code)
+using Rows = std::vector<std::pair<std::function<bool()>, unsigned long long>>;
+inline void ExpectRowsFail(const Rows& rows) {
+    for (size_t i = 0; i < rows.size(); i++) {
+        SCOPED_TRACE(i);
+        EXPECT_FALSE(rows[i].first());
+        ExpectFailure(rows[i].second);
+    }
 }
 
 // sendto from a plain socket to a text address (IPv4 or IPv6) and port.

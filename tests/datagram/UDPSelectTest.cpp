@@ -1,5 +1,4 @@
 // UDP select endpoints through the exported functions, on loopback (127.0.0.1 and ::1).
-#include <functional>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -76,31 +75,20 @@ TEST_F(UDPSelectTest, ArgumentHandleAndStartCodes) {
     char addr[128], buffer[16];
     int len = sizeof(buffer), hSocket = -1;
     // Recv tests its buffers, and Send its data and address, before their handle
-    const std::vector<std::pair<std::function<bool()>, unsigned long long>> rows = {
-        {[&] { return NetCore_UDPSelect_Recv(nullptr, addr, nullptr, &len, false); },
-         ERROR_NETCORE_UDPSELECT_RECV_PARAMENT},
-        {[&] { return NetCore_UDPSelect_Recv(nullptr, addr, buffer, nullptr, false); },
-         ERROR_NETCORE_UDPSELECT_RECV_PARAMENT},
-        {[&] { return NetCore_UDPSelect_Recv(nullptr, addr, buffer, &len, false); },
-         ERROR_NETCORE_UDPSELECT_RECV_NOTFOUND},
-        {[&] { return NetCore_UDPSelect_Recv(unbound, addr, buffer, &len, true); },
-         ERROR_NETCORE_UDPSELECT_RECV_NOTBIND},
-        {[&] { return NetCore_UDPSelect_Send(nullptr, nullptr, 1, "127.0.0.1", 9); },
-         ERROR_NETCORE_UDPSELECT_SEND_PARAMENT},
-        {[&] { return NetCore_UDPSelect_Send(nullptr, "x", 1, nullptr, 9); }, ERROR_NETCORE_UDPSELECT_SEND_PARAMENT},
-        {[&] { return NetCore_UDPSelect_Send(nullptr, "x", 1, "127.0.0.1", 9); },
-         ERROR_NETCORE_UDPSELECT_HANDLE_NOTFOUND},
-        {[&] { return NetCore_UDPSelect_Send(unbound, "", 0, "127.0.0.1", 9); }, ERROR_NETCORE_SOCKET_SEND_PARAMENT},
-        {[&] { return NetCore_UDPSelect_GetSocket(nullptr, &hSocket); }, ERROR_NETCORE_UDPSELECT_HANDLE_NOTFOUND},
-        {[&] { return NetCore_UDPSelect_SetMode(nullptr, true); }, ERROR_NETCORE_UDPSELECT_SETMODE_PARAMENT},
-        {[&] { return NetCore_UDPSelect_RegisterCallBack(nullptr, Inbox::OnRecv, nullptr); },
-         ERROR_NETCORE_UDPSELECT_CBSET_PARAMENT},
-    };
-    for (size_t i = 0; i < rows.size(); i++) {
-        SCOPED_TRACE(i);
-        EXPECT_FALSE(rows[i].first());
-        ExpectFailure(rows[i].second);
-    }
+    dgtest::ExpectRowsFail({
+        FAILS(NetCore_UDPSelect_Recv(nullptr, addr, nullptr, &len, false), ERROR_NETCORE_UDPSELECT_RECV_PARAMENT),
+        FAILS(NetCore_UDPSelect_Recv(nullptr, addr, buffer, nullptr, false), ERROR_NETCORE_UDPSELECT_RECV_PARAMENT),
+        FAILS(NetCore_UDPSelect_Recv(nullptr, addr, buffer, &len, false), ERROR_NETCORE_UDPSELECT_RECV_NOTFOUND),
+        FAILS(NetCore_UDPSelect_Recv(unbound, addr, buffer, &len, true), ERROR_NETCORE_UDPSELECT_RECV_NOTBIND),
+        FAILS(NetCore_UDPSelect_Send(nullptr, nullptr, 1, "127.0.0.1", 9), ERROR_NETCORE_UDPSELECT_SEND_PARAMENT),
+        FAILS(NetCore_UDPSelect_Send(nullptr, "x", 1, nullptr, 9), ERROR_NETCORE_UDPSELECT_SEND_PARAMENT),
+        FAILS(NetCore_UDPSelect_Send(nullptr, "x", 1, "127.0.0.1", 9), ERROR_NETCORE_UDPSELECT_HANDLE_NOTFOUND),
+        FAILS(NetCore_UDPSelect_Send(unbound, "", 0, "127.0.0.1", 9), ERROR_NETCORE_SOCKET_SEND_PARAMENT),
+        FAILS(NetCore_UDPSelect_GetSocket(nullptr, &hSocket), ERROR_NETCORE_UDPSELECT_HANDLE_NOTFOUND),
+        FAILS(NetCore_UDPSelect_SetMode(nullptr, true), ERROR_NETCORE_UDPSELECT_SETMODE_PARAMENT),
+        FAILS(NetCore_UDPSelect_RegisterCallBack(nullptr, Inbox::OnRecv, nullptr),
+              ERROR_NETCORE_UDPSELECT_CBSET_PARAMENT),
+    });
     EXPECT_TRUE(NetCore_UDPSelect_Stop(nullptr));
     EXPECT_FALSE(ErrorFlag());
     EXPECT_TRUE(NetCore_UDPSelect_Stop(unbound));
