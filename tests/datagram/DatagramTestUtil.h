@@ -1,70 +1,56 @@
-// Helpers for the datagram suites: free ports, plain peers and the namespace fixture.
+// Helpers for the datagram suites: plain peers, a socket made to fail, and a private network
+// namespace for the cases that broadcast or join a group.
 #pragma once
 
 #include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
+#include <fcntl.h>
+#include <sched.h>
 #include <unistd.h>
 
+#include <cstdlib>
+#include <functional>
 #include <string>
+#include <utility>
+#include <vector>
 
-#include "NetNamespace.h"
 #include "Ombrelt_NetCore.h"
 #include "TestSupport.h"
 
 namespace dgtest {
 
-// A UDP port that nothing in this namespace is bound to right now (on the wildcard address).
-inline int FreeUdpPort(int family) {
-    int port = 0;
-    nctest::Fd probe(socket(family, SOCK_DGRAM, 0));
-    sockaddr_storage addr{};
-    socklen_t len;
-    if (family == AF_INET) {
-        auto* in = reinterpret_cast<sockaddr_in*>(&addr);
-        in->sin_family = AF_INET;
-        len = sizeof(sockaddr_in);
-    } else {
-        auto* in6 = reinterpret_cast<sockaddr_in6*>(&addr);
-        in6->sin6_family = AF_INET6;
-        len = sizeof(sockaddr_in6);
-    }
-    if (bind(probe.Get(), reinterpret_cast<sockaddr*>(&addr), len) == 0) port = nctest::LocalPort(probe.Get());
-    return port;
+inline void ExpectFailure(unsigned long long code) {
+    EXPECT_TRUE(nctest::ErrorFlag());
+    EXPECT_EQ(code, NetCore_GetLastError(nullptr));
 }
 
-// sendto from a plain socket to text address and port.
+// A table of calls that must each fail and leave their code.
+#define FAILS(call, code) std::make_pair(std::function<bool()>([&] { return call; }), code)
+using Rows = std::vector<std::pair<std::function<bool()>, unsigned long long>>;
+inline void ExpectRowsFail(const Rows& rows) {
+    for (size_t i = 0; i < rows.size(); i++) {
+        SCOPED_TRACE(i);
+        EXPECT_FALSE(rows[i].first());
+        ExpectFailure(rows[i].second);
+    }
+}
+
+// sendto from a plain socket to a text address (IPv4 or IPv6) and port.
 inline bool SendTo(int fd, const std::string& data, const char* addr, int port) {
-    sockaddr_storage st{};
-    socklen_t len;
-    if (inet_pton(AF_INET, addr, &reinterpret_cast<sockaddr_in*>(&st)->sin_addr) == 1) {
-        auto* in = reinterpret_cast<sockaddr_in*>(&st);
-        in->sin_family = AF_INET;
-        in->sin_port = htons(static_cast<uint16_t>(port));
-        len = sizeof(sockaddr_in);
-    } else {
-        auto* in6 = reinterpret_cast<sockaddr_in6*>(&st);
-        in6->sin6_family = AF_INET6;
-        in6->sin6_port = htons(static_cast<uint16_t>(port));
-        if (inet_pton(AF_INET6, addr, &in6->sin6_addr) != 1) return false;
-        len = sizeof(sockaddr_in6);
-    }
-    return sendto(fd, data.data(), data.size(), 0, reinterpret_cast<sockaddr*>(&st), len) ==
-           static_cast<ssize_t>(data.size());
+    sockaddr_in6 st6{};
+    sockaddr_in st4{};
+    st4.sin_family = AF_INET;
+    st4.sin_port = htons(static_cast<uint16_t>(port));
+    st6.sin6_family = AF_INET6;
+    st6.sin6_port = st4.sin_port;
+    bool v4 = inet_pton(AF_INET, addr, &st4.sin_addr) == 1;
+    if (!v4 && inet_pton(AF_INET6, addr, &st6.sin6_addr) != 1) return false;
+    return sendto(fd, data.data(), data.size(), 0,
+                  v4 ? reinterpret_cast<sockaddr*>(&st4) : reinterpret_cast<sockaddr*>(&st6),
+                  v4 ? sizeof(st4) : sizeof(st6)) == static_cast<ssize_t>(data.size());
 }
 
-// Receives one datagram on a plain socket, waiting up to 5 s.
-inline std::string RecvPlain(int fd) {
-    timeval tv{5, 0};
-    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(tv));
-    char buf[4096];
-    ssize_t n = recv(fd, buf, sizeof(buf), 0);
-    return n < 0 ? std::string("<nothing>") : std::string(buf, static_cast<size_t>(n));
-}
-
-// Puts a pipe in place of the socket behind hSocket, so that the next receive on it fails the
-// way a broken socket does (not a socket) while the descriptor stays open for the library to
-// close.
+// Puts a pipe's read end in place of the socket behind hSocket: a receive on it fails (not a
+// socket) and it never turns writable, while the descriptor stays open for the library to close.
 inline void BreakSocket(int hSocket) {
     int fds[2];
     ASSERT_EQ(0, pipe(fds));
@@ -73,43 +59,47 @@ inline void BreakSocket(int hSocket) {
     close(fds[1]);
 }
 
-// Whether this platform takes the outgoing multicast interface option. A user-mode emulator that
-// does not translate it refuses it with ENOPROTOOPT; no multicast endpoint can be made there.
+// Whether this platform takes the outgoing multicast interface option (a user-mode emulator may
+// refuse it, and then no multicast endpoint can be made).
 inline bool MulticastInterfaceSupported() {
     nctest::Fd probe(socket(AF_INET, SOCK_DGRAM, 0));
-    in_addr local{};
-    local.s_addr = htonl(INADDR_LOOPBACK);
+    in_addr local{htonl(INADDR_LOOPBACK)};
     return setsockopt(probe.Get(), IPPROTO_IP, IP_MULTICAST_IF, &local, sizeof(local)) == 0;
 }
 
-// Whether IPv6 sockets take option number 33 at the IPv6 level, which multicast creation sets
-// for a time-to-live; a user-mode emulator may not translate it.
-inline bool Ipv6Option33Supported() {
-    nctest::Fd probe(socket(AF_INET6, SOCK_DGRAM, 0));
-    int value = 1;
-    return probe.Get() >= 0 && setsockopt(probe.Get(), IPPROTO_IPV6, 33, &value, sizeof(value)) == 0;
-}
+// Runs a test with its thread in a fresh network namespace: loopback up, and a veth pair nc0/nc1
+// where nc0 holds kNsLocalAddr/24 and carries the limited-broadcast and multicast routes, so
+// nothing sent leaves it. The namespace goes with its last socket, even when a test dies half-way.
+constexpr const char* kNsLocalAddr = "10.77.0.1";
+constexpr const char* kNsGroupAddr = "239.77.0.1";
+constexpr int kNsPort = 7777;  // every port of a fresh namespace is free
 
-inline void ExpectFailure(unsigned long long code) {
-    EXPECT_TRUE(nctest::ErrorFlag());
-    EXPECT_EQ(code, NetCore_GetLastError(nullptr));
-}
-
-// Runs a test in its own network namespace (see NetNamespace.h), or skips it where none can be
-// made.
 class NamespaceTest : public nctest::NetCoreTest {
 protected:
     void SetUp() override {
         nctest::NetCoreTest::SetUp();
-        if (!m_Namespace.Enter()) GTEST_SKIP() << m_Namespace.Why();
+        m_hOriginal = open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
+        if (m_hOriginal < 0 || unshare(CLONE_NEWNET) != 0) {
+            GTEST_SKIP() << "no network namespace can be made here (needs CAP_SYS_ADMIN and CAP_NET_ADMIN)";
+        }
+        // the shell and `ip` are children of this thread, so they work in its namespace
+        if (system("(ip link set lo up && ip link add nc0 type veth peer name nc1 &&"
+                   " ip addr add 10.77.0.1/24 broadcast 10.77.0.255 dev nc0 && ip link set nc0 up &&"
+                   " ip link set nc1 up && ip route add 255.255.255.255/32 dev nc0 &&"
+                   " ip route add 224.0.0.0/4 dev nc0) >/dev/null 2>&1") != 0) {
+            GTEST_SKIP() << "`ip` could not set up the fresh network namespace";
+        }
     }
     void TearDown() override {
-        m_Namespace.Leave();
+        if (m_hOriginal >= 0) {
+            setns(m_hOriginal, CLONE_NEWNET);
+            close(m_hOriginal);
+        }
         nctest::NetCoreTest::TearDown();
     }
 
 private:
-    NetNamespace m_Namespace;
+    int m_hOriginal = -1;
 };
 
 }  // namespace dgtest
