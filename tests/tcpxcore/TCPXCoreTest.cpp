@@ -259,7 +259,7 @@ TEST_F(TCPXCoreTest, BadArgumentsUnknownClientsAndNullHandlesGetTheirCodes) {
     int nInt = 0;
     char tszAddr[256] = {}, **ppszList = nullptr;
     const char* lpszNo = "1.2.3.4:5";
-    // one line per function
+    // the rows packed a few to a line
     // clang-format off
     const std::vector<Row> stl_Rows = {
         ROW(PARAMENT, SendEx(h, lpszNo, "x", 0, 1, -1)), ROW(PARAMENT, SendEx(h, lpszNo, nullptr, 1, 1, -1)),
@@ -364,18 +364,18 @@ TEST_F(TCPXCoreTest, FramingByTerminatorAndByLengthKeepsEveryMessageOfABurstInOr
     std::string strData;
     for (int i = 0; i < 6000; i++)
         strData += std::to_string(1000000000 + i).substr(1) + ";";
-    for (int nPktLen : {10, 20000}) {  // 20000 frames by the 8192-byte buffer
+    for (int nLength : {10, 20000}) {  // 20000 frames by the 8192-byte buffer
         strAddr = Connect(&client);
-        ASSERT_TRUE(NetCore_TCPXCore_SetLimitEx(m_xhNet, strAddr.c_str(), nPktLen, nullptr));
+        ASSERT_TRUE(NetCore_TCPXCore_SetLimitEx(m_xhNet, strAddr.c_str(), nLength, nullptr));
         // a message begun in the buffer, then many full reads behind it
         SendAsOneRead(client.Get(), strAddr, strData.substr(0, 7));
         ASSERT_TRUE(SendAll(client.Get(), strData.substr(7)));
         ASSERT_TRUE(WaitFor([&] { return FlowOf(m_xhNet, strAddr.c_str())[1] == strData.size(); }));
         // every delivery whole and in order, at most a buffer's worth left undelivered
         std::string strGot = Received(strAddr), strWant;
-        for (size_t i = 0; strWant.size() < strGot.size(); i += std::min(nPktLen, 8192))
-            strWant += strData.substr(i, std::min(nPktLen, 8192)) + "|";
-        EXPECT_EQ(strWant, strGot) << nPktLen;
+        for (size_t i = 0; strWant.size() < strGot.size(); i += std::min(nLength, 8192))
+            strWant += strData.substr(i, std::min(nLength, 8192)) + "|";
+        EXPECT_EQ(strWant, strGot) << nLength;
         EXPECT_LE(strData.size() + std::count(strGot.begin(), strGot.end(), '|') - strGot.size(), 8192u);
     }
 }
