@@ -57,13 +57,6 @@ protected:
         EXPECT_FAILS(NetCore_UDXSocket_CBSetEx(m_hUDX, OnLogin, nullptr, this, this), ERROR_NETCORE_UDX_CBSET_PARAMENT);
         ASSERT_TRUE(NetCore_UDXSocket_CBSetEx(m_hUDX, OnLogin, OnLeave, this, this));
     }
-    // Fetches the next message of a peer, waiting for it.
-    std::string Fetch(const std::string& strAddr) {
-        char tszBuffer[2048];
-        int nLen = 0;
-        EXPECT_TRUE(WaitFor([&] { return NetCore_UDXSocket_RecvEx(m_hUDX, strAddr.c_str(), tszBuffer, &nLen); }));
-        return std::string(tszBuffer, static_cast<size_t>(nLen));
-    }
     bool Send(const std::string& strAddr, const std::string& strMsg) {
         return NetCore_UDXSocket_SendEx(m_hUDX, strAddr.c_str(), strMsg.data(), static_cast<int>(strMsg.size()));
     }
@@ -129,7 +122,8 @@ TEST_F(UDXSocketTest, PeerBehindADuplicatingReorderingRelayTradesMessagesInOrder
         if (i < kMessages) st_Peer.Send(Message('p', i));
         ASSERT_TRUE(i >= kMessages || Send(strAddr, Message('e', i))) << i << " " << NetCore_GetLastError(nullptr);
         if (i < kInFlight) continue;
-        ASSERT_EQ(Message('p', i - kInFlight), Fetch(strAddr));
+        ASSERT_TRUE(WaitFor([&] { return NetCore_UDXSocket_RecvEx(h, lpszAddr, tszBuffer, &nLen); }));
+        ASSERT_EQ(Message('p', i - kInFlight), std::string(tszBuffer, static_cast<size_t>(nLen)));
         ASSERT_TRUE(st_Peer.Recv(&strOut, 5s) && strOut == Message('e', i - kInFlight)) << i;
     }
     EXPECT_TRUE(st_Relay.Stats().nDuplicated > 0 && st_Relay.Stats().nReordered > 0);
