@@ -179,7 +179,8 @@ TEST_F(EngineTest, LongMessagesAreCutAt1400BytesAndTheSendCreditLimitsThem) {
     EXPECT_TRUE(Feed(0, Packet(kWindow, 0, 0)) && Send(0, std::string(4000, 'c'))) << "a credit of 0 does not limit";
 }
 
-TEST_F(EngineTest, SessionPassAdvertisesTheWindowAcknowledgesAndAnswersResendRequests) {
+// The passes of the session thread (window, ACK, resends, deferred closes) and of the merging one.
+TEST_F(EngineTest, PassesAdvertiseAcknowledgeResendCloseSessionsAndFlushMergedMessages) {
     Connected(kOrder | kReliable, 10000);
     m_Engine->StartTimers(50);
     // the WINDOW packet carries the send serial, now 1
@@ -211,9 +212,7 @@ TEST_F(EngineTest, SessionPassAdvertisesTheWindowAcknowledgesAndAnswersResendReq
     EXPECT_EQ("9000#10:3 9000#11:3 9000#11:3 9004#3:0", Taken());
     ASSERT_TRUE(Feed(2500, Packet(kAck, 0, 10)));
     EXPECT_EQ("9000#10:3 9000#11:3", Pass(2500, 0)) << "resent again on every ACK that leaves them in place";
-}
 
-TEST_F(EngineTest, PeerCloseStrictResendGoneOrTheApplicationEndTheSessionOnTheNextPass) {
     // outside strict mode RESEND_GONE only skips the lost serial
     Connected(kOrder);
     ASSERT_TRUE(Feed(0, Data(1, "1")) && Drain().empty() && Feed(0, Packet(kResendGone, 0, 0)));
@@ -232,9 +231,7 @@ TEST_F(EngineTest, PeerCloseStrictResendGoneOrTheApplicationEndTheSessionOnTheNe
         EXPECT_EQ(nHow == 2 ? "9102#0:0 9102#0:0" : "9102#0:0", Taken());
     }
     EXPECT_FAILS(Feed(0, Data(0, "late")), ERROR_NETCORE_UDX_PARSE_NOTFOUND);
-}
 
-TEST_F(EngineTest, SmallMessagesWaitForTheMergingPassAndFollowTheTwentyMsRule) {
     // 700 bytes go out at once; each small packet that still fits pushes out what the buffer
     // held; merged packets are not kept
     Connected(kOrder | kReliable | kMtap);
@@ -248,23 +245,19 @@ TEST_F(EngineTest, SmallMessagesWaitForTheMergingPassAndFollowTheTwentyMsRule) {
 
     // a fresh packet that does not fit goes to the start of the buffer, the length grows
     ASSERT_TRUE(Send(2000, std::string(699, 'p'), std::string(699, 'q')));
-    m_Engine->RunMtap(2010);
-    EXPECT_EQ(1458u, State().nMtapLen);
+    EXPECT_TRUE(Flush(2010).empty() && State().nMtapLen == 1458) << State().nMtapLen;
     m_Engine->RunMtap(2031);
     EXPECT_EQ(std::vector<std::string>{Data(5, std::string(699, 'q')) + std::string(729, '\0')}, m_Wire);
     m_Wire.clear();
 
     // a stale packet that does not fit goes out by itself, then the buffer, being old
-    ASSERT_TRUE(Send(3000, std::string(699, 'r')));
-    m_Engine->RunMtap(3000);
-    ASSERT_TRUE(Send(3000, std::string(699, 's')));
+    ASSERT_TRUE(Send(3000, std::string(699, 'r')) && Flush(3000).empty() && Send(3000, std::string(699, 's')));
     EXPECT_EQ("9000#7:699 9000#6:699", Flush(3050));
 
     // the grown length is bounded by the buffer, so a flush never reads past it
     Connected(kMtap);
-    for (int i = 0; i < 10; ++i)
-        ASSERT_TRUE(Send(0, std::string(699, 'm')));
-    m_Engine->RunMtap(5);
+    const std::string strM(699, 'm');
+    ASSERT_TRUE(Send(0, strM, strM, strM, strM, strM, strM, strM, strM, strM, strM) && Flush(5).empty());
     m_Engine->RunMtap(100);
     EXPECT_TRUE(m_Wire.size() == 1 && m_Wire[0].size() == 2048) << m_Wire.size();
 }
