@@ -13,8 +13,8 @@ out=build-fuzz
 mkdir -p "$out/corpus"
 clang++ -std=c++17 -g -O1 -fsanitize=fuzzer,address,undefined -fno-sanitize-recover=undefined \
   -Iinclude -Isrc \
-  tests/udx/fuzz/UDXParseFuzz.cpp src/udx/UDXEngine.cpp src/udx/UDXPacket.cpp src/frame/Error.cpp \
+  tools/fuzz/udx/UDXParseFuzz.cpp src/udx/UDXEngine.cpp src/udx/UDXPacket.cpp src/frame/Error.cpp \
   -o "$out/udx_parse_fuzz"
-cp tests/udx/fuzz/corpus/* "$out/corpus/"
+cp tools/fuzz/udx/corpus/* "$out/corpus/"
 "$out/udx_parse_fuzz" -max_total_time="$seconds" -max_len=4096 -timeout=10 -print_final_stats=1 \
   "$out/corpus"

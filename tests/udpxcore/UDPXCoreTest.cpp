@@ -1,15 +1,12 @@
 // The UDP epoll server through its exported handle functions (and its exported class, where only
 // an object that outlives Destroy shows what Destroy keeps), with real UDP peers on loopback.
-#include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 
 #include <atomic>
 #include <cerrno>
-#include <functional>
 #include <mutex>
 #include <set>
-#include <string>
 #include <thread>
 #include <vector>
 
@@ -21,37 +18,37 @@
 namespace {
 
 using nctest::ErrorFlag;
-using nctest::Fd;
 using nctest::WaitFor;
 using ULL = unsigned long long;
+using V = std::vector<ULL>;
 
-void ExpectFailure(bool bResult, ULL nCode) {
-    EXPECT_FALSE(bResult);
-    EXPECT_TRUE(ErrorFlag());
-    EXPECT_EQ(nCode, NetCore_GetLastError(nullptr)) << std::hex << nCode;
-}
+// the call fails, raises the flag and leaves its code (a macro, so a failure names the call's line)
+#define EXPECT_FAILS(call, code)                                      \
+    do {                                                              \
+        EXPECT_FALSE(call);                                           \
+        EXPECT_TRUE(ErrorFlag());                                     \
+        EXPECT_EQ(ULL(code), NetCore_GetLastError(nullptr)) << #code; \
+    } while (0)
 
-struct Delivery {
-    std::string addr, data;
-    int socket, len;
-    std::thread::id thread;
-};
-
-// Sends one datagram to a loopback port.
-bool SendTo(int hFd, int nPort, const std::string& strData) {
-    sockaddr_in st_Addr{};
-    st_Addr.sin_family = AF_INET;
-    st_Addr.sin_port = htons(static_cast<uint16_t>(nPort));
-    st_Addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return sendto(hFd, strData.data(), strData.size(), 0, reinterpret_cast<sockaddr*>(&st_Addr), sizeof(st_Addr)) ==
-           static_cast<ssize_t>(strData.size());
-}
-
-std::string RecvOne(int hFd) {
+// A UDP peer on a free loopback port, connected to nPort; its address goes to pStr_Addr.
+nctest::Fd Peer(int nPort, std::string* pStr_Addr) {
+    int nOwn = 0;
+    nctest::Fd fd = nctest::BindUdp(AF_INET, &nOwn);
+    sockaddr_in st_Addr{AF_INET, htons(static_cast<uint16_t>(nPort)), {htonl(INADDR_LOOPBACK)}, {}};
+    EXPECT_EQ(0, connect(fd.Get(), reinterpret_cast<sockaddr*>(&st_Addr), sizeof(st_Addr)));
     timeval st_Time{3, 0};
-    setsockopt(hFd, SOL_SOCKET, SO_RCVTIMEO, &st_Time, sizeof(st_Time));
+    setsockopt(fd.Get(), SOL_SOCKET, SO_RCVTIMEO, &st_Time, sizeof(st_Time));
+    *pStr_Addr = "127.0.0.1:" + std::to_string(nOwn);
+    return fd;
+}
+
+void Send(const nctest::Fd& fd, const std::string& strData) {
+    ASSERT_EQ(static_cast<ssize_t>(strData.size()), send(fd.Get(), strData.data(), strData.size(), 0));
+}
+
+std::string RecvOne(const nctest::Fd& fd) {
     char tszBuffer[4096];
-    ssize_t nLen = recv(hFd, tszBuffer, sizeof(tszBuffer), 0);
+    ssize_t nLen = recv(fd.Get(), tszBuffer, sizeof(tszBuffer), 0);
     return nLen < 0 ? "(nothing)" : std::string(tszBuffer, static_cast<size_t>(nLen));
 }
 
@@ -62,316 +59,212 @@ protected:
         m_peer.Reset();
         nctest::NetCoreTest::TearDown();
     }
-    // Records every delivery; with m_bEcho it answers each datagram from the receive thread.
+    // Records every delivery as "address socket length data". With m_bEcho it answers each
+    // datagram from the receive thread; armed with m_nDestroy 1, the first callback destroys the
+    // server (returning once every other receive thread has ended) and the others do nothing.
     static void OnRecv(const char* lpszAddr, int hSocket, const char* lpszData, int nLen, void* lParam) {
         auto* self = static_cast<UDPXCoreTest*>(lParam);
+        int nArmed = 1;
+        if (self->m_nDestroy.compare_exchange_strong(nArmed, 2)) {
+            EXPECT_TRUE(NetCore_UDPXCore_DestroyEx(self->m_server, true));
+            self->m_nDestroy = 3;
+        }
+        if (self->m_nDestroy >= 2) return;
         EXPECT_TRUE(!self->m_bEcho || nLen <= 0 || NetCore_UDPXCore_SendEx(self->m_server, lpszAddr, lpszData, nLen));
         std::lock_guard<std::mutex> st_Lock(self->m_lock);
-        self->m_got.push_back({lpszAddr, nLen > 0 ? std::string(lpszData, static_cast<size_t>(nLen)) : "", hSocket,
-                               nLen, std::this_thread::get_id()});
+        self->m_got.push_back(std::string(lpszAddr) + " " + std::to_string(hSocket) + " " + std::to_string(nLen) + " " +
+                              (nLen > 0 ? std::string(lpszData, static_cast<size_t>(nLen)) : ""));
+        self->m_thread = std::this_thread::get_id();
+        self->m_nGot++;
     }
-    // Starts a server on a free port and opens a peer on a free IPv4 port.
-    void Start(int nThreads = 1, int nIPVer = AF_INET, int nTimeFlow = 60, bool bRegister = true) {
+    // Starts a server on a free port and connects an IPv4 peer to it.
+    void Start(int nThreads, int nIPVer = AF_INET, bool bRegister = true, int nTimeFlow = 60) {
         m_server = NetCore_UDPXCore_StartEx(0, nThreads, nTimeFlow, nIPVer);
         ASSERT_NE(nullptr, m_server);
-        EXPECT_FALSE(ErrorFlag());
         ASSERT_TRUE(!bRegister || NetCore_UDPXCore_RegisterCallBackEx(m_server, &OnRecv, this));
         ASSERT_TRUE(NetCore_UDPXCore_GetSocketEx(m_server, &m_socket));
         m_port = nctest::LocalPort(m_socket);
-        m_peer = nctest::BindUdp(AF_INET, &m_peerPort);
-        m_to = "127.0.0.1:" + std::to_string(m_peerPort);
+        m_peer = Peer(m_port, &m_to);
     }
-    void Send(const std::string& strData) { ASSERT_TRUE(SendTo(m_peer.Get(), m_port, strData)); }
-    std::vector<Delivery> WaitGot(size_t nCount) {
-        EXPECT_TRUE(WaitFor([&] { return Deliveries().size() >= nCount; })) << Deliveries().size();
-        return Deliveries();
-    }
-    std::vector<Delivery> Deliveries() {
+    std::vector<std::string> Got(size_t nCount) {
+        EXPECT_TRUE(WaitFor([&] { return m_nGot >= nCount; })) << m_nGot;
         std::lock_guard<std::mutex> st_Lock(m_lock);
         return m_got;
     }
-    // send bytes, receive bytes, send packets, receive packets; then receive and send time
-    std::vector<ULL> Flow() {
-        std::vector<ULL> v(6, 99);
+    // send bytes, receive bytes, send packets, receive packets; receive and send time; the four
+    // averages over the interval
+    V Flow() {
+        V v(10, 99);
         EXPECT_TRUE(NetCore_UDPXCore_GetFlowEx(m_server, &v[0], &v[1], &v[2], &v[3]));
         EXPECT_TRUE(NetCore_UDPXCore_GetTimeEx(m_server, &v[4], &v[5]));
+        EXPECT_TRUE(NetCore_UDPXCore_GetAverageFlowEx(m_server, &v[6], &v[7], &v[8], &v[9], false));
         return v;
     }
 
     void* m_server = nullptr;
-    int m_socket = -1, m_port = 0, m_peerPort = 0;
-    Fd m_peer;
+    int m_socket = -1, m_port = 0;
+    nctest::Fd m_peer;
     std::string m_to;
     std::atomic<bool> m_bEcho{false};
+    std::atomic<int> m_nDestroy{0};
+    std::atomic<size_t> m_nGot{0};
     std::mutex m_lock;
-    std::vector<Delivery> m_got;
+    std::vector<std::string> m_got;
+    std::thread::id m_thread;
 };
 
-TEST_F(UDPXCoreTest, ReceivesWithSenderAndSocketCutsLongOnesAndNeverDeliversEmptyOnes) {
-    Start(2, AF_INET, 60, false);
-    Send("early");  // no callback yet: counted and dropped
-    ASSERT_TRUE(WaitFor([&] { return Flow()[3] == 1; }));
-    ExpectFailure(NetCore_UDPXCore_RegisterCallBackEx(m_server, nullptr, this), ERROR_NETCORE_UDPXCORE_CBSET_PARAMENT);
-    ASSERT_TRUE(NetCore_UDPXCore_RegisterCallBackEx(m_server, &OnRecv, this));
-
+TEST_F(UDPXCoreTest, ReceivesCutsCountsAveragesRepliesStopsAtAnEmptyDatagramAndDeliversABurstOnce) {
+    Start(4, AF_INET, false);
     ULL nBefore = BaseLib_OperatorTime_GetTickCount64();
-    std::string strBig(3000, 'x');
-    for (size_t i = 0; i < strBig.size(); i++)
-        strBig[i] = static_cast<char>('A' + i % 23);
-    Send("hello");
-    Send(strBig);
-    std::vector<Delivery> got = WaitGot(2);
-    ULL nAfter = BaseLib_OperatorTime_GetTickCount64();
-    ASSERT_EQ(2u, got.size());
-    EXPECT_EQ(m_to, got[0].addr);
-    EXPECT_EQ(m_socket, got[0].socket);
-    EXPECT_EQ("hello", got[0].data);
-    EXPECT_EQ(5, got[0].len);
-    EXPECT_NE(std::this_thread::get_id(), got[0].thread);
-    EXPECT_EQ(2048, got[1].len);
-    EXPECT_EQ(strBig.substr(0, 2048), got[1].data);
-    std::vector<ULL> v = Flow();
-    EXPECT_EQ((std::vector<ULL>{0, 5 + 5 + 2048, 0, 3}), std::vector<ULL>(v.begin(), v.begin() + 4));
-    EXPECT_GE(v[4], nBefore);
-    EXPECT_LE(v[4], nAfter);
-    EXPECT_EQ(0u, v[5]);
+    Send(m_peer, std::string(600, 'e'));  // no callback yet: counted and dropped
+    ASSERT_TRUE(WaitFor([&] { return Flow()[3] == 1; }));
+    EXPECT_FAILS(NetCore_UDPXCore_RegisterCallBackEx(m_server, nullptr, this), ERROR_NETCORE_UDPXCORE_CBSET_PARAMENT);
+    ASSERT_TRUE(NetCore_UDPXCore_RegisterCallBackEx(m_server, &OnRecv, this));
+    Send(m_peer, "hello");
+    Send(m_peer, std::string(2048, 'a') + std::string(952, 'b'));
+    const std::string strFrom = m_to + " " + std::to_string(m_socket) + " ";
+    EXPECT_EQ((std::vector<std::string>{strFrom + "5 hello", strFrom + "2048 " + std::string(2048, 'a')}), Got(2));
+    EXPECT_NE(std::this_thread::get_id(), m_thread);
+    // The first datagram closed an interval at once (it starts at tick 0) and no later one closes
+    // within the test: each total less its snapshot over the 60 s interval; the third figure
+    // starts from the receive packet total.
+    V v = Flow();
+    EXPECT_EQ((V{0, 2653, 0, 3, v[4], 0, 0, 2653 - 600 / 60, 3, 3}), v);
+    EXPECT_TRUE(v[4] >= nBefore && v[4] <= BaseLib_OperatorTime_GetTickCount64()) << v[4];
+
+    m_bEcho = true;
+    nBefore = BaseLib_OperatorTime_GetTickCount64();
+    Send(m_peer, "ping");
+    EXPECT_EQ("ping", RecvOne(m_peer));
+    // the reply can overtake the callback's own bookkeeping after its send
+    ASSERT_TRUE(WaitFor([&] { return Flow()[2] == 1; }));
+    v = Flow();
+    EXPECT_TRUE(v[0] == 4 && v[5] >= nBefore && v[5] <= BaseLib_OperatorTime_GetTickCount64()) << v[0] << " " << v[5];
+    m_bEcho = false;
 
     // The empty datagram ends the drain: what queued behind it comes with a later arrival.
-    Send("");
-    Send("after");
+    Send(m_peer, "");
+    Send(m_peer, "after");
+    size_t nNext = 0;
     ASSERT_TRUE(WaitFor([&] {
-        Send("next");
-        return Deliveries().size() >= 4;
+        Send(m_peer, "next");
+        return ++nNext && m_nGot >= 5;
     }));
-    got = Deliveries();
-    EXPECT_EQ("after", got[2].data);
+    // every datagram sent but the empty one is counted, all of them but the first delivered
+    EXPECT_TRUE(WaitFor([&] { return Flow()[3] == 5 + nNext && m_nGot == 4 + nNext; }));
+    std::vector<std::string> got = Got(5);
     for (size_t i = 3; i < got.size(); i++)
-        EXPECT_EQ("next", got[i].data);
-    EXPECT_TRUE(WaitFor([&] { return Flow()[3] == Deliveries().size() + 1; })) << "the empty one is not counted";
+        EXPECT_EQ(strFrom + (i == 3 ? "5 after" : "4 next"), got[i]);
+    ULL w[4] = {9, 9, 9, 9};
+    EXPECT_TRUE(NetCore_UDPXCore_GetAverageFlowEx(m_server, &w[0], &w[1], &w[2], &w[3], true));
+    EXPECT_EQ((V{0, 0, 0, 0}), V(w, w + 4)) << "totals over (ms since start x 1000), far below 1 here";
+
+    // At most a window in flight, so the socket's buffer never overflows and any missing datagram
+    // is the server's fault.
+    const size_t nFirst = m_nGot;
+    for (size_t i = 0; i < 1000; i++) {
+        while (nFirst + i > m_nGot + 64)
+            std::this_thread::yield();
+        Send(m_peer, std::to_string(i));
+    }
+    got = Got(nFirst + 1000);
+    EXPECT_EQ(1000u, std::set<std::string>(got.begin() + nFirst, got.end()).size()) << "duplicates";
+
+    // The handle is the server object, which outlives Destroy: without clearing it keeps every
+    // total and time; with clearing every total, time, interval length and snapshot is gone.
+    auto* pClass_Server = static_cast<CNetCore_UDPXCore*>(m_server);
+    v = Flow();
+    ASSERT_TRUE(pClass_Server->NetCore_UDPXCore_Destroy(false));
+    EXPECT_FALSE(ErrorFlag());
+    EXPECT_EQ(v, Flow());
+    EXPECT_TRUE(NetCore_UDPXCore_GetSocketEx(m_server, &m_socket));
+    EXPECT_EQ(-1, m_socket);
+    ASSERT_TRUE(pClass_Server->NetCore_UDPXCore_Destroy(true));
+    EXPECT_EQ(V(10, 0), Flow());
 }
 
-TEST_F(UDPXCoreTest, ArgumentsAndHandlesAreCheckedWithTheirCodes) {
-    Start();
+TEST_F(UDPXCoreTest, ArgumentsHandlesAndABusyPortFailWithTheirCodesAndDestroyReleasesThreadsAndPort) {
+    int nThreads = nctest::CountThreads();
+    Start(0, AF_INET, true, 0);  // one receive thread per hardware thread, no averaging interval
+    EXPECT_EQ(nThreads + static_cast<int>(std::max(1u, std::thread::hardware_concurrency())), nctest::CountThreads());
     ULL a = 0, b = 0, c = 0, d = 0;
     int fd = 0;
     void* s = m_server;
-    const std::vector<std::pair<std::function<bool()>, ULL>> rows = {
-        {[&] { return NetCore_UDPXCore_SendEx(s, nullptr, "x", 1); }, ERROR_NETCORE_UDPXCORE_SENDMSG_PARAMENT},
-        {[&] { return NetCore_UDPXCore_SendEx(s, m_to.c_str(), nullptr, 1); }, ERROR_NETCORE_UDPXCORE_SENDMSG_PARAMENT},
-        {[&] { return NetCore_UDPXCore_SendEx(s, m_to.c_str(), "x", 0); }, ERROR_NETCORE_SOCKET_SEND_PARAMENT},
-        // no colon: no port, which the platform refuses
-        {[&] { return NetCore_UDPXCore_SendEx(s, "127.0.0.1", "x", 1); }, ERROR_NETCORE_SOCKET_SEND_FAILED},
-        {[&] { return NetCore_UDPXCore_GetFlowEx(s, nullptr, &b, &c, &d); }, ERROR_NETCORE_UDPXCORE_GETFLOW_PARAMENT},
-        {[&] { return NetCore_UDPXCore_GetFlowEx(s, &a, nullptr, &c, &d); }, ERROR_NETCORE_UDPXCORE_GETFLOW_PARAMENT},
-        {[&] { return NetCore_UDPXCore_GetTimeEx(s, nullptr, &b); }, ERROR_NETCORE_UDPXCORE_GETTIME_PARAMENT},
-        {[&] { return NetCore_UDPXCore_GetTimeEx(s, &a, nullptr); }, ERROR_NETCORE_UDPXCORE_GETTIME_PARAMENT},
-        {[&] { return NetCore_UDPXCore_GetAverageFlowEx(s, nullptr, &b, &c, &d, true); },
-         ERROR_NETCORE_UDPXCORE_AVERAGE_PARAMENT},
-        {[&] { return NetCore_UDPXCore_GetAverageFlowEx(s, &a, nullptr, &c, &d, false); },
-         ERROR_NETCORE_UDPXCORE_AVERAGE_PARAMENT},
-        {[&] { return NetCore_UDPXCore_GetAverageFlowEx(s, &a, &b, nullptr, &d, true); },
-         ERROR_NETCORE_UDPXCORE_AVERAGE_PARAMENT},
-        {[&] { return NetCore_UDPXCore_GetAverageFlowEx(s, &a, &b, &c, nullptr, false); },
-         ERROR_NETCORE_UDPXCORE_AVERAGE_PARAMENT},
-        {[&] { return NetCore_UDPXCore_GetSocketEx(nullptr, &fd); }, ERROR_NETCORE_UDPXCORE_HANDLE_NULL},
-        {[&] { return NetCore_UDPXCore_SendEx(nullptr, m_to.c_str(), "x", 1); }, ERROR_NETCORE_UDPXCORE_HANDLE_NULL},
-        {[&] { return NetCore_UDPXCore_GetFlowEx(nullptr, &a, &b, &c, &d); }, ERROR_NETCORE_UDPXCORE_HANDLE_NULL},
-        {[&] { return NetCore_UDPXCore_GetTimeEx(nullptr, &a, &b); }, ERROR_NETCORE_UDPXCORE_HANDLE_NULL},
-        {[&] { return NetCore_UDPXCore_GetAverageFlowEx(nullptr, &a, &b, &c, &d, true); },
-         ERROR_NETCORE_UDPXCORE_HANDLE_NULL},
-        {[&] { return NetCore_UDPXCore_RegisterCallBackEx(nullptr, &OnRecv, this); },
-         ERROR_NETCORE_UDPXCORE_HANDLE_NULL},
-        {[&] { return NetCore_UDPXCore_DestroyEx(nullptr, true); }, ERROR_NETCORE_UDPXCORE_HANDLE_NULL},
-    };
-    for (size_t i = 0; i < rows.size(); i++) {
-        SCOPED_TRACE(i);
-        nctest::ResetErrorState();
-        ExpectFailure(rows[i].first(), rows[i].second);
+    const char* to = m_to.c_str();
+    EXPECT_FAILS(NetCore_UDPXCore_SendEx(s, nullptr, "x", 1), ERROR_NETCORE_UDPXCORE_SENDMSG_PARAMENT);
+    EXPECT_FAILS(NetCore_UDPXCore_SendEx(s, to, nullptr, 1), ERROR_NETCORE_UDPXCORE_SENDMSG_PARAMENT);
+    EXPECT_FAILS(NetCore_UDPXCore_SendEx(s, to, "x", 0), ERROR_NETCORE_SOCKET_SEND_PARAMENT);
+    // no colon: no port, which the platform refuses
+    EXPECT_FAILS(NetCore_UDPXCore_SendEx(s, "127.0.0.1", "x", 1), ERROR_NETCORE_SOCKET_SEND_FAILED);
+    EXPECT_FAILS(NetCore_UDPXCore_GetFlowEx(s, nullptr, &b, &c, &d), ERROR_NETCORE_UDPXCORE_GETFLOW_PARAMENT);
+    EXPECT_FAILS(NetCore_UDPXCore_GetFlowEx(s, &a, nullptr, &c, &d), ERROR_NETCORE_UDPXCORE_GETFLOW_PARAMENT);
+    EXPECT_FAILS(NetCore_UDPXCore_GetTimeEx(s, nullptr, &b), ERROR_NETCORE_UDPXCORE_GETTIME_PARAMENT);
+    EXPECT_FAILS(NetCore_UDPXCore_GetTimeEx(s, &a, nullptr), ERROR_NETCORE_UDPXCORE_GETTIME_PARAMENT);
+    for (int i = 0; i < 4; i++) {
+        ULL* p[4] = {&a, &b, &c, &d};
+        p[i] = nullptr;
+        EXPECT_FAILS(NetCore_UDPXCore_GetAverageFlowEx(s, p[0], p[1], p[2], p[3], i % 2 == 0),
+                     ERROR_NETCORE_UDPXCORE_AVERAGE_PARAMENT);
     }
-    EXPECT_EQ((std::vector<ULL>{0, 0, 0, 0, 0, 0}), Flow()) << "failed sends are not counted";
-    // the packet totals are optional
-    EXPECT_TRUE(NetCore_UDPXCore_GetFlowEx(s, &a, &b, nullptr, nullptr));
+    EXPECT_FAILS(NetCore_UDPXCore_GetSocketEx(nullptr, &fd), ERROR_NETCORE_UDPXCORE_HANDLE_NULL);
+    EXPECT_FAILS(NetCore_UDPXCore_SendEx(nullptr, to, "x", 1), ERROR_NETCORE_UDPXCORE_HANDLE_NULL);
+    EXPECT_FAILS(NetCore_UDPXCore_GetFlowEx(nullptr, &a, &b, &c, &d), ERROR_NETCORE_UDPXCORE_HANDLE_NULL);
+    EXPECT_FAILS(NetCore_UDPXCore_GetTimeEx(nullptr, &a, &b), ERROR_NETCORE_UDPXCORE_HANDLE_NULL);
+    EXPECT_FAILS(NetCore_UDPXCore_GetAverageFlowEx(nullptr, &a, &b, &c, &d, true), ERROR_NETCORE_UDPXCORE_HANDLE_NULL);
+    EXPECT_FAILS(NetCore_UDPXCore_RegisterCallBackEx(nullptr, &OnRecv, this), ERROR_NETCORE_UDPXCORE_HANDLE_NULL);
+    EXPECT_FAILS(NetCore_UDPXCore_DestroyEx(nullptr, true), ERROR_NETCORE_UDPXCORE_HANDLE_NULL);
+    ASSERT_TRUE(NetCore_UDPXCore_SendEx(s, to, "x", 1));
+    V v = Flow();  // failed sends are not counted; without an interval the averages are the totals
+    EXPECT_EQ((V{1, 0, 1, 0, 0, v[5], 1, 0, 0, 0}), v);
+    EXPECT_TRUE(NetCore_UDPXCore_GetFlowEx(s, &a, &b, nullptr, nullptr)) << "the packet totals are optional";
+    EXPECT_TRUE(NetCore_UDPXCore_DestroyEx(m_server, false));
     EXPECT_FALSE(ErrorFlag());
-}
+    // a joined thread leaves /proc a little later under qemu-user
+    EXPECT_TRUE(WaitFor([&] { return nctest::CountThreads() == nThreads; }));
+    EXPECT_NE(nullptr, m_server = NetCore_UDPXCore_StartEx(m_port, 1, 60, AF_INET)) << "the port is free again";
 
-TEST_F(UDPXCoreTest, RepliesFromTheCallbackAreSentCountedAndTimed) {
-    Start(2);
-    m_bEcho = true;
-    ULL nBefore = BaseLib_OperatorTime_GetTickCount64();
-    for (int i = 0; i < 10; i++) {
-        std::string strMsg = "ping " + std::to_string(i);
-        Send(strMsg);
-        EXPECT_EQ(strMsg, RecvOne(m_peer.Get()));
-    }
-    // the reply can overtake the callback's own bookkeeping after its send
-    ASSERT_TRUE(WaitFor([&] { return Flow()[2] == 10; }));
-    ULL nAfter = BaseLib_OperatorTime_GetTickCount64();
-    std::vector<ULL> v = Flow();
-    EXPECT_EQ(v[0], v[1]);
-    EXPECT_EQ(60u, v[0]);
-    EXPECT_EQ(10u, v[3]);
-    EXPECT_GE(v[5], nBefore);
-    EXPECT_LE(v[5], nAfter);
-    // the callback's context is this fixture: stop the server before it goes
-    EXPECT_TRUE(NetCore_UDPXCore_DestroyEx(m_server, true));
-    EXPECT_FALSE(ErrorFlag());
-    m_server = nullptr;
-}
-
-TEST_F(UDPXCoreTest, AverageFlowKeepsItsIntervalArithmetic) {
-    // With a 60-second interval the first datagram and the first send close an interval at once
-    // (the interval starts at tick 0) and no later one closes within the test.
-    for (int nTimeFlow : {60, 0}) {
-        SCOPED_TRACE(nTimeFlow);
-        Start(1, AF_INET, nTimeFlow);
-        Send(std::string(600, 'a'));
-        WaitGot(1);
-        for (int i = 0; i < 3; i++)
-            Send(std::string(100, 'b'));
-        WaitGot(4);
-        ASSERT_TRUE(NetCore_UDPXCore_SendEx(m_server, m_to.c_str(), std::string(120, 'c').c_str(), 120));
-        ASSERT_TRUE(NetCore_UDPXCore_SendEx(m_server, m_to.c_str(), std::string(30, 'd').c_str(), 30));
-        ULL v[4] = {9, 9, 9, 9};
-        ASSERT_TRUE(NetCore_UDPXCore_GetAverageFlowEx(m_server, &v[0], &v[1], &v[2], &v[3], false));
-        // each total less its snapshot over the interval; the third figure starts from the
-        // receive packet total, not from the 2 sends
-        std::vector<ULL> expected = {150 - 120 / 60, 900 - 600 / 60, 4, 4};
-        if (nTimeFlow == 0) expected = {150, 900, 4, 4};
-        EXPECT_EQ(expected, std::vector<ULL>(v, v + 4));
-        // whole: each total over (milliseconds since start x 1000), far below 1 here
-        ASSERT_TRUE(NetCore_UDPXCore_GetAverageFlowEx(m_server, &v[0], &v[1], &v[2], &v[3], true));
-        EXPECT_EQ((std::vector<ULL>{0, 0, 0, 0}), std::vector<ULL>(v, v + 4));
-        EXPECT_TRUE(NetCore_UDPXCore_DestroyEx(m_server, true));
-        m_server = nullptr;
-        std::lock_guard<std::mutex> st_Lock(m_lock);
-        m_got.clear();
+    for (int nFamily : {AF_INET, AF_INET6}) {
+        if (nFamily == AF_INET6 && !nctest::Ipv6Available()) continue;
+        int nPort = 0;
+        nctest::Fd busy = nctest::BindUdp(nFamily, &nPort);  // no address reuse: the port stays taken
+        testing::internal::CaptureStdout();
+        void* server = NetCore_UDPXCore_StartEx(nPort, 2, 60, nFamily);
+        fflush(stdout);
+        std::string strPrinted = testing::internal::GetCapturedStdout();
+        EXPECT_FAILS(server != nullptr, ERROR_NETCORE_SOCKET_BIND_BIND);
+        // only the IPv4 bind prints its errno
+        EXPECT_EQ(nFamily == AF_INET ? "NetCore_Socket_Bind:" + std::to_string(EADDRINUSE) + "\n" : "", strPrinted);
     }
 }
 
 TEST_F(UDPXCoreTest, Ipv6ServerNamesPeersUnbracketedAndRepliesByText) {
     if (!nctest::Ipv6Available()) GTEST_SKIP() << "no IPv6 loopback on this host";
     Start(2, AF_INET6);
-    // a dual-stack peer: the server also hears IPv4 peers, named as mapped addresses
-    Fd six(socket(AF_INET6, SOCK_DGRAM, 0));
-    sockaddr_in6 st_Addr{};
-    st_Addr.sin6_family = AF_INET6;
-    st_Addr.sin6_port = htons(static_cast<uint16_t>(m_port));
-    st_Addr.sin6_addr = in6addr_loopback;
+    // a dual-stack server: it also hears IPv4 peers, named as mapped addresses
+    // unbound, so that it also hears the reply, which goes out as an IPv4 datagram
+    nctest::Fd six(socket(AF_INET6, SOCK_DGRAM, 0));
+    sockaddr_in6 st_Addr{AF_INET6, htons(static_cast<uint16_t>(m_port)), 0, in6addr_loopback, 0};
     ASSERT_EQ(3, sendto(six.Get(), "six", 3, 0, reinterpret_cast<sockaddr*>(&st_Addr), sizeof(st_Addr)));
-    WaitGot(1);
-    Send("four");
-    std::vector<Delivery> got = WaitGot(2);
-    EXPECT_EQ("::1:" + std::to_string(nctest::LocalPort(six.Get())), got[0].addr);
-    EXPECT_EQ("::ffff:" + m_to, got[1].addr);
-    ASSERT_TRUE(NetCore_UDPXCore_SendEx(m_server, got[0].addr.c_str(), "back", 4));
-    EXPECT_EQ("back", RecvOne(six.Get()));
-}
-
-TEST_F(UDPXCoreTest, StartOnABusyPortFailsWithTheBindCodeAndLeavesNothing) {
-    for (int nFamily : {AF_INET, AF_INET6}) {
-        if (nFamily == AF_INET6 && !nctest::Ipv6Available()) continue;
-        int nPort = 0;
-        Fd busy = nctest::BindUdp(nFamily, &nPort);  // no address reuse: the port stays taken
-        testing::internal::CaptureStdout();
-        void* server = NetCore_UDPXCore_StartEx(nPort, 2, 60, nFamily);
-        fflush(stdout);
-        std::string strPrinted = testing::internal::GetCapturedStdout();
-        EXPECT_EQ(nullptr, server);
-        ExpectFailure(false, ERROR_NETCORE_SOCKET_BIND_BIND);
-        // only the IPv4 bind prints its errno
-        EXPECT_EQ(nFamily == AF_INET ? "NetCore_Socket_Bind:" + std::to_string(EADDRINUSE) + "\n" : "", strPrinted);
-    }
-}
-
-TEST_F(UDPXCoreTest, ZeroThreadsMeansOnePerHardwareThreadAndDestroyReleasesThemAndThePort) {
-    int nBefore = nctest::CountThreads();
-    Start(0);
-    EXPECT_EQ(nBefore + static_cast<int>(std::max(1u, std::thread::hardware_concurrency())), nctest::CountThreads());
-    ASSERT_TRUE(NetCore_UDPXCore_DestroyEx(m_server, false));
-    EXPECT_FALSE(ErrorFlag());
-    m_server = nullptr;
-    // a joined thread leaves /proc a little later under qemu-user
-    EXPECT_TRUE(WaitFor([&] { return nctest::CountThreads() == nBefore; }));
-    void* again = NetCore_UDPXCore_StartEx(m_port, 1, 60, AF_INET);
-    ASSERT_NE(nullptr, again);
-    EXPECT_TRUE(NetCore_UDPXCore_DestroyEx(again, true));
-}
-
-TEST_F(UDPXCoreTest, SeveralReceiveThreadsDeliverABurstExactlyOnce) {
-    Start(4);
-    constexpr int kCount = 1000;
-    // At most a window in flight, so the socket's buffer never overflows and any missing datagram
-    // is the server's fault.
-    for (int i = 0; i < kCount; i++) {
-        while (i - static_cast<int>(Deliveries().size()) > 64)
-            std::this_thread::yield();
-        Send(std::to_string(i));
-    }
-    std::set<std::string> unique;
-    for (const auto& d : WaitGot(kCount))
-        EXPECT_TRUE(unique.insert(d.data).second) << "delivered twice: " << d.data;
-    EXPECT_EQ(static_cast<size_t>(kCount), unique.size());
-    EXPECT_EQ(static_cast<ULL>(kCount), Flow()[3]);
+    Got(1);
+    Send(m_peer, "four");
+    std::vector<std::string> got = Got(2);
+    const std::string strSix = "::1:" + std::to_string(nctest::LocalPort(six.Get()));
+    EXPECT_EQ(strSix + " " + std::to_string(m_socket) + " 3 six", got[0]);
+    EXPECT_EQ("::ffff:" + m_to + " " + std::to_string(m_socket) + " 4 four", got[1]);
+    ASSERT_TRUE(NetCore_UDPXCore_SendEx(m_server, strSix.c_str(), "back", 4));
+    timeval st_Time{3, 0};
+    setsockopt(six.Get(), SOL_SOCKET, SO_RCVTIMEO, &st_Time, sizeof(st_Time));
+    EXPECT_EQ("back", RecvOne(six));
 }
 
 TEST_F(UDPXCoreTest, CallbackMayDestroyItsOwnServer) {
-    struct SelfDestroy {
-        void* server = nullptr;
-        std::atomic<bool> destroying{false}, done{false};
-        static void OnRecv(const char*, int, const char*, int, void* lParam) {
-            auto* self = static_cast<SelfDestroy*>(lParam);
-            if (self->destroying.exchange(true)) return;
-            // returns once every other receive thread has ended
-            EXPECT_TRUE(NetCore_UDPXCore_DestroyEx(self->server, true));
-            self->done = true;  // the last touch of the context
-        }
-    } ctx;
-    Start(2, AF_INET, 60, false);
-    ctx.server = m_server;
-    m_server = nullptr;
-    ASSERT_TRUE(NetCore_UDPXCore_RegisterCallBackEx(ctx.server, &SelfDestroy::OnRecv, &ctx));
+    Start(2);
+    m_nDestroy = 1;
     // several queued datagrams: the draining thread must stop after the one that destroyed it
     for (int i = 0; i < 5; i++)
-        Send("bye");
-    ASSERT_TRUE(WaitFor([&] { return ctx.done.load(); }));
-    // the fixture waits for the detached receive thread to end and checks nothing is left open
-}
-
-// Only an object that outlives Destroy shows what Destroy keeps and what it clears.
-TEST_F(UDPXCoreTest, ClassDestroyKeepsOrClearsTotalsAndTimes) {
-    CNetCore_UDPXCore server;
-    Fd peer = nctest::BindUdp(AF_INET, &m_peerPort);
-    ASSERT_TRUE(server.NetCore_UDPXCore_Start(0, 2, 60, AF_INET));
-    ASSERT_TRUE(server.NetCore_UDPXCore_RegisterCallBack(&OnRecv, this));
-    ASSERT_TRUE(server.NetCore_UDPXCore_GetSocket(&m_socket));
-    ASSERT_TRUE(SendTo(peer.Get(), nctest::LocalPort(m_socket), "one"));
-    ASSERT_TRUE(SendTo(peer.Get(), nctest::LocalPort(m_socket), "two!"));
-    WaitGot(2);
-    ASSERT_TRUE(server.NetCore_UDPXCore_SendMsg(("127.0.0.1:" + std::to_string(m_peerPort)).c_str(), "answer", 6));
-    ASSERT_EQ("answer", RecvOne(peer.Get()));
-    auto Read = [&] {
-        std::vector<ULL> v(10, 99);
-        EXPECT_TRUE(server.NetCore_UDPXCore_GetFlow(&v[0], &v[1], &v[2], &v[3]));
-        EXPECT_TRUE(server.NetCore_UDPXCore_GetTime(&v[4], &v[5]));
-        EXPECT_TRUE(server.NetCore_UDPXCore_GetAverageFlow(&v[6], &v[7], &v[8], &v[9], false));
-        return v;
-    };
-    std::vector<ULL> before = Read();
-    ASSERT_TRUE(server.NetCore_UDPXCore_Destroy(false));
-    EXPECT_FALSE(ErrorFlag());
-    EXPECT_EQ(before, Read());
-    EXPECT_EQ((std::vector<ULL>{6, 7, 1, 2}), std::vector<ULL>(before.begin(), before.begin() + 4));
-    EXPECT_GT(before[4] * before[5], 0u);
-    EXPECT_TRUE(server.NetCore_UDPXCore_GetSocket(&m_socket));
-    EXPECT_EQ(-1, m_socket);
-
-    ASSERT_TRUE(server.NetCore_UDPXCore_Destroy(true));
-    // every total, time, interval length and snapshot is gone: the averages are the zero totals
-    EXPECT_EQ(std::vector<ULL>(10, 0), Read());
-    ULL whole[4] = {1, 1, 1, 1};
-    EXPECT_TRUE(server.NetCore_UDPXCore_GetAverageFlow(&whole[0], &whole[1], &whole[2], &whole[3], true));
-    EXPECT_EQ(std::vector<ULL>(4, 0), std::vector<ULL>(whole, whole + 4));
-    peer.Reset();
+        Send(m_peer, "bye");
+    ASSERT_TRUE(WaitFor([&] { return m_nDestroy == 3; }));
+    m_server = nullptr;  // the fixture waits for the detached receive thread to end
 }
 
 }  // namespace

@@ -2,10 +2,8 @@
 // through a relay that duplicates and reorders. Loss recovery waits for the protocol's one-second
 // timers, so its rules are pinned on the engine with a made-up clock instead.
 #include <chrono>
-#include <functional>
 #include <mutex>
 #include <string>
-#include <vector>
 
 #include "../../tools/udxpeer/LossyRelay.h"
 #include "../../tools/udxpeer/UDXPeer.h"
@@ -18,6 +16,14 @@ using namespace std::chrono_literals;
 using nctest::ErrorFlag;
 using nctest::WaitFor;
 
+// the call fails, raises the flag and leaves its code (a macro, so a failure names the call's line)
+#define EXPECT_FAILS(call, code)                                                       \
+    do {                                                                               \
+        EXPECT_FALSE(call);                                                            \
+        EXPECT_TRUE(ErrorFlag());                                                      \
+        EXPECT_EQ((unsigned long long)(code), NetCore_GetLastError(nullptr)) << #code; \
+    } while (0)
+
 class UDXSocketTest : public nctest::NetCoreTest {
 protected:
     void TearDown() override {
@@ -26,147 +32,48 @@ protected:
     }
     static bool OnLogin(char const* lpszAddr, int hSocket, void* lParam) {
         auto* self = static_cast<UDXSocketTest*>(lParam);
-        EXPECT_EQ(0, hSocket);
         // nothing reaches the peer for its session before this callback has returned
         EXPECT_FALSE(self->Send(lpszAddr, "welcome"));
         EXPECT_EQ(ERROR_NETCORE_UDX_SEND_NOTFOUND, NetCore_GetLastError(nullptr));
-        std::lock_guard<std::mutex> lock(self->m_Mutex);
-        self->m_Calls.push_back(std::string("login ") + lpszAddr);
+        self->Log("login ", lpszAddr, hSocket);
         return false;  // the result is not used: the session stays
     }
     static void OnLeave(char const* lpszAddr, int hSocket, void* lParam) {
-        auto* self = static_cast<UDXSocketTest*>(lParam);
-        EXPECT_EQ(0, hSocket);
-        std::lock_guard<std::mutex> lock(self->m_Mutex);
-        self->m_Calls.push_back(std::string("leave ") + lpszAddr);
+        static_cast<UDXSocketTest*>(lParam)->Log("leave ", lpszAddr, hSocket);
     }
-    std::vector<std::string> Calls() {
+    void Log(const char* lpszWhat, const char* lpszAddr, int hSocket) {
+        std::lock_guard<std::mutex> lock(m_Mutex);
+        m_Calls += lpszWhat + std::string(lpszAddr) + " " + std::to_string(hSocket) + ",";
+    }
+    std::string Calls() {
         std::lock_guard<std::mutex> lock(m_Mutex);
         return m_Calls;
     }
-    // Starts an endpoint on a free port (probed, so retried if another process takes it first).
+    // Starts an ordered reliable endpoint on a free port.
     void Start(bool bHeartBeat, int nWindowSize = 0) {
-        tag_NetCore_UDXConfig st_Config{};
-        st_Config.bHeartBeat = bHeartBeat;
-        st_Config.bOrder = st_Config.bReliable = true;
-        st_Config.nWindowSize = nWindowSize;
-        for (int i = 0; i < 5 && m_hUDX == nullptr; ++i) {
-            nctest::Fd fd = nctest::BindUdp(AF_INET, &m_nPort);
-            fd.Reset();
-            m_hUDX = NetCore_UDXSocket_InitEx(&st_Config, m_nPort, 1);
-        }
-        ASSERT_NE(nullptr, m_hUDX);
-        ExpectCode(NetCore_UDXSocket_CBSetEx(m_hUDX, OnLogin, nullptr, this, this), ERROR_NETCORE_UDX_CBSET_PARAMENT);
+        tag_NetCore_UDXConfig st_Config{bHeartBeat, true, true, false, false, nWindowSize};
+        nctest::BindUdp(AF_INET, &m_nPort);
+        ASSERT_NE(nullptr, m_hUDX = NetCore_UDXSocket_InitEx(&st_Config, m_nPort, 1));
+        EXPECT_FAILS(NetCore_UDXSocket_CBSetEx(m_hUDX, OnLogin, nullptr, this, this), ERROR_NETCORE_UDX_CBSET_PARAMENT);
         ASSERT_TRUE(NetCore_UDXSocket_CBSetEx(m_hUDX, OnLogin, OnLeave, this, this));
-    }
-    // Fetches the next message of a peer, waiting for it.
-    bool Fetch(const std::string& strAddr, std::string* pStr_Out, std::chrono::milliseconds timeout = 5s) {
-        char tszBuffer[2048];
-        int nLen = 0;
-        bool bGot =
-            WaitFor([&] { return NetCore_UDXSocket_RecvEx(m_hUDX, strAddr.c_str(), tszBuffer, &nLen); }, timeout);
-        if (bGot) pStr_Out->assign(tszBuffer, static_cast<size_t>(nLen));
-        return bGot;
     }
     bool Send(const std::string& strAddr, const std::string& strMsg) {
         return NetCore_UDXSocket_SendEx(m_hUDX, strAddr.c_str(), strMsg.data(), static_cast<int>(strMsg.size()));
-    }
-    static void ExpectCode(bool bResult, unsigned long long nCode) {
-        EXPECT_FALSE(bResult);
-        EXPECT_TRUE(ErrorFlag());
-        EXPECT_EQ(nCode, NetCore_GetLastError(nullptr)) << std::hex << nCode;
     }
 
     void* m_hUDX = nullptr;
     int m_nPort = 0;
     std::mutex m_Mutex;
-    std::vector<std::string> m_Calls;
+    std::string m_Calls;
 };
 
-TEST_F(UDXSocketTest, ArgumentsHandlesAndUnknownPeersAreRefusedWithTheirCodes) {
+TEST_F(UDXSocketTest, WithoutSupervisionACloseIsAcceptedAndNeverCarriedOut) {
     Start(false);
     udxpeer::Peer st_Peer;
-    ASSERT_TRUE(st_Peer.Open(m_nPort));
-    ASSERT_TRUE(st_Peer.Connect(5s));
-    const std::string strAddr = st_Peer.LocalAddr();
-    const char* lpszAddr = strAddr.c_str();
-    char tszBuffer[2048];
-    int nLen = 0;
-    void* h = m_hUDX;
-    const std::vector<std::pair<std::function<bool()>, unsigned long long>> rows = {
-        {[&] { return NetCore_UDXSocket_SendEx(h, "127.0.0.1:9", "x", 1); }, ERROR_NETCORE_UDX_SEND_NOTFOUND},
-        {[&] { return NetCore_UDXSocket_SendEx(h, nullptr, "x", 1); }, ERROR_NETCORE_UDX_SEND_NOTFOUND},
-        {[&] { return NetCore_UDXSocket_SendEx(h, lpszAddr, nullptr, 1); }, ERROR_NETCORE_UDX_SEND_PARAMENT},
-        {[&] { return NetCore_UDXSocket_SendEx(h, lpszAddr, "x", -1); }, ERROR_NETCORE_UDX_SEND_PARAMENT},
-        // the peer is looked up before the length is judged
-        {[&] { return NetCore_UDXSocket_SendEx(h, "127.0.0.1:9", "x", -1); }, ERROR_NETCORE_UDX_SEND_NOTFOUND},
-        {[&] { return NetCore_UDXSocket_RecvEx(h, lpszAddr, nullptr, &nLen); }, ERROR_NETCORE_UDX_RECV_PARAMENT},
-        {[&] { return NetCore_UDXSocket_RecvEx(h, lpszAddr, tszBuffer, nullptr); }, ERROR_NETCORE_UDX_RECV_PARAMENT},
-        {[&] { return NetCore_UDXSocket_RecvEx(h, nullptr, tszBuffer, &nLen); }, ERROR_NETCORE_UDX_RECV_PARAMENT},
-        {[&] { return NetCore_UDXSocket_RecvEx(h, "127.0.0.1:9", tszBuffer, &nLen); }, ERROR_NETCORE_UDX_RECV_NOTFOUND},
-        {[&] { return NetCore_UDXSocket_RecvEx(h, lpszAddr, tszBuffer, &nLen); }, ERROR_NETCORE_UDX_RECV_EMPTY},
-        {[&] { return NetCore_UDXSocket_SendEx(nullptr, lpszAddr, "x", 1); }, ERROR_NETCORE_UDX_HANDLE_NULL},
-        {[&] { return NetCore_UDXSocket_RecvEx(nullptr, lpszAddr, tszBuffer, &nLen); }, ERROR_NETCORE_UDX_HANDLE_NULL},
-        {[&] { return NetCore_UDXSocket_CBSetEx(nullptr, OnLogin, OnLeave, this, this); },
-         ERROR_NETCORE_UDX_HANDLE_NULL},
-        {[&] { return NetCore_UDXSocket_CloseEx(nullptr, lpszAddr); }, ERROR_NETCORE_UDX_HANDLE_NULL},
-        {[&] { return NetCore_UDXSocket_DestroyEx(nullptr); }, ERROR_NETCORE_UDX_HANDLE_NULL},
-        {[&] { return NetCore_UDXSocket_InitEx(nullptr, 0, 1) != nullptr; }, ERROR_NETCORE_UDX_INIT_PARAMENT},
-    };
-    for (size_t i = 0; i < rows.size(); i++) {
-        SCOPED_TRACE(i);
-        nctest::ResetErrorState();
-        ExpectCode(rows[i].first(), rows[i].second);
-    }
-    // without supervision a close is accepted and never carried out
-    EXPECT_TRUE(NetCore_UDXSocket_CloseEx(h, lpszAddr));
-    EXPECT_FALSE(ErrorFlag());
-    EXPECT_TRUE(Send(strAddr, "still here"));
+    ASSERT_TRUE(st_Peer.Open(m_nPort) && st_Peer.Connect(5s));
+    EXPECT_TRUE(NetCore_UDXSocket_CloseEx(m_hUDX, st_Peer.LocalAddr().c_str()) && !ErrorFlag());
     std::string strOut;
-    EXPECT_TRUE(st_Peer.Recv(&strOut, 5s));
-    EXPECT_TRUE(Calls().empty());
-}
-
-TEST_F(UDXSocketTest, PeerConnectsAndMessagesTravelBothWaysUntilEitherSideCloses) {
-    Start(true, 65536);
-    udxpeer::Peer st_Peer;
-    ASSERT_TRUE(st_Peer.Open(m_nPort));
-    ASSERT_TRUE(st_Peer.Connect(5s));
-    EXPECT_EQ(65536u, st_Peer.GrantedWindow());
-    const std::string strAddr = st_Peer.LocalAddr();
-    ASSERT_TRUE(WaitFor([&] { return Calls().size() == 1; }));
-    EXPECT_EQ("login " + strAddr, Calls()[0]);
-    std::string strOut;
-    st_Peer.Send("hello");
-    st_Peer.Send(std::string(2801, 'L'));
-    // a long message arrives as its 1400-byte pieces
-    for (const std::string& strExpected :
-         {std::string("hello"), std::string(1400, 'L'), std::string(1400, 'L'), std::string(1, 'L')}) {
-        ASSERT_TRUE(Fetch(strAddr, &strOut));
-        EXPECT_EQ(strExpected, strOut);
-    }
-    ASSERT_TRUE(Send(strAddr, "world"));
-    EXPECT_FALSE(ErrorFlag());
-    ASSERT_TRUE(Send(strAddr, std::string(2800, 'R')));
-    for (const std::string& strExpected : {std::string("world"), std::string(1400, 'R'), std::string(1400, 'R')}) {
-        ASSERT_TRUE(st_Peer.Recv(&strOut, 5s));
-        EXPECT_EQ(strExpected, strOut);
-    }
-    // closed by the application: CLOSE goes to the peer, the leave callback follows
-    EXPECT_TRUE(NetCore_UDXSocket_CloseEx(m_hUDX, strAddr.c_str()));
-    ASSERT_TRUE(WaitFor([&] { return Calls().size() == 2; }));
-    EXPECT_TRUE(WaitFor([&] { return st_Peer.CountOf(udxpeer::kClose) == 1; }));
-    ExpectCode(Send(strAddr, "gone"), ERROR_NETCORE_UDX_SEND_NOTFOUND);
-    // closed by the peer
-    udxpeer::Peer st_Second;
-    ASSERT_TRUE(st_Second.Open(m_nPort));
-    ASSERT_TRUE(st_Second.Connect(5s));
-    st_Second.SendClose();
-    ASSERT_TRUE(WaitFor([&] { return Calls().size() == 4; }));
-    const std::string strSecond = st_Second.LocalAddr();
-    EXPECT_EQ(
-        (std::vector<std::string>{"login " + strAddr, "leave " + strAddr, "login " + strSecond, "leave " + strSecond}),
-        Calls());
+    EXPECT_TRUE(Send(st_Peer.LocalAddr(), "still here") && st_Peer.Recv(&strOut, 5s) && Calls().empty());
 }
 
 // Messages carry their index, so that order and completeness can be checked.
@@ -174,38 +81,67 @@ std::string Message(char cDirection, int nIndex) {
     return cDirection + std::to_string(nIndex) + ":" + std::string(static_cast<size_t>((nIndex * 37) % 1300), 'm');
 }
 
-TEST_F(UDXSocketTest, MessagesCrossARelayThatDuplicatesAndReordersInOrderBothWays) {
-    constexpr int kMessages = 400;
-    constexpr int kInFlight = 32;  // fetched this far behind, so the socket buffers never overflow
-    Start(true);
+TEST_F(UDXSocketTest, PeerBehindADuplicatingReorderingRelayTradesMessagesInOrderUntilEitherSideCloses) {
+    Start(true, 65536);
     udxpeer::LossyRelay st_Relay;
-    udxpeer::RelayOptions st_RelayOptions;
-    st_RelayOptions.dLoss = 0;
-    st_RelayOptions.dDuplicate = 0.03;
-    st_RelayOptions.dReorder = 0.05;
-    ASSERT_TRUE(st_Relay.Start(m_nPort, st_RelayOptions));
+    ASSERT_TRUE(st_Relay.Start(m_nPort, {0, 0.03, 0.05}));  // no loss
     udxpeer::Peer st_Peer;
-    ASSERT_TRUE(st_Peer.Open(st_Relay.Port()));
-    ASSERT_TRUE(st_Peer.Connect(10s));
+    ASSERT_TRUE(st_Peer.Open(st_Relay.Port()) && st_Peer.Connect(10s));
+    EXPECT_EQ(65536u, st_Peer.GrantedWindow());
     const std::string strAddr = st_Relay.Addr();
-    std::string strOut;
+    const char* lpszAddr = strAddr.c_str();
+    ASSERT_TRUE(WaitFor([&] { return Calls() == "login " + strAddr + " 0,"; })) << Calls();
+
+    void* h = m_hUDX;
+    char tszBuffer[2048];
+    int nLen = 0;
+    EXPECT_FAILS(NetCore_UDXSocket_SendEx(h, "127.0.0.1:9", "x", 1), ERROR_NETCORE_UDX_SEND_NOTFOUND);
+    EXPECT_FAILS(NetCore_UDXSocket_SendEx(h, nullptr, "x", 1), ERROR_NETCORE_UDX_SEND_NOTFOUND);
+    EXPECT_FAILS(NetCore_UDXSocket_SendEx(h, lpszAddr, nullptr, 1), ERROR_NETCORE_UDX_SEND_PARAMENT);
+    EXPECT_FAILS(NetCore_UDXSocket_SendEx(h, lpszAddr, "x", -1), ERROR_NETCORE_UDX_SEND_PARAMENT);
+    // the peer is looked up before the length is judged
+    EXPECT_FAILS(NetCore_UDXSocket_SendEx(h, "127.0.0.1:9", "x", -1), ERROR_NETCORE_UDX_SEND_NOTFOUND);
+    EXPECT_FAILS(NetCore_UDXSocket_RecvEx(h, lpszAddr, nullptr, &nLen), ERROR_NETCORE_UDX_RECV_PARAMENT);
+    EXPECT_FAILS(NetCore_UDXSocket_RecvEx(h, lpszAddr, tszBuffer, nullptr), ERROR_NETCORE_UDX_RECV_PARAMENT);
+    EXPECT_FAILS(NetCore_UDXSocket_RecvEx(h, nullptr, tszBuffer, &nLen), ERROR_NETCORE_UDX_RECV_PARAMENT);
+    EXPECT_FAILS(NetCore_UDXSocket_RecvEx(h, "127.0.0.1:9", tszBuffer, &nLen), ERROR_NETCORE_UDX_RECV_NOTFOUND);
+    EXPECT_FAILS(NetCore_UDXSocket_RecvEx(h, lpszAddr, tszBuffer, &nLen), ERROR_NETCORE_UDX_RECV_EMPTY);
+    EXPECT_FAILS(NetCore_UDXSocket_SendEx(nullptr, lpszAddr, "x", 1), ERROR_NETCORE_UDX_HANDLE_NULL);
+    EXPECT_FAILS(NetCore_UDXSocket_RecvEx(nullptr, lpszAddr, tszBuffer, &nLen), ERROR_NETCORE_UDX_HANDLE_NULL);
+    EXPECT_FAILS(NetCore_UDXSocket_CBSetEx(nullptr, OnLogin, OnLeave, this, this), ERROR_NETCORE_UDX_HANDLE_NULL);
+    EXPECT_FAILS(NetCore_UDXSocket_CloseEx(nullptr, lpszAddr), ERROR_NETCORE_UDX_HANDLE_NULL);
+    EXPECT_FAILS(NetCore_UDXSocket_DestroyEx(nullptr), ERROR_NETCORE_UDX_HANDLE_NULL);
+    EXPECT_FAILS(NetCore_UDXSocket_InitEx(nullptr, 0, 1) != nullptr, ERROR_NETCORE_UDX_INIT_PARAMENT);
+
+    std::string strOut;  // a long message goes out as its 1400-byte pieces
+    ASSERT_TRUE(Send(strAddr, std::string(2801, 'R')));
+    for (size_t nPiece : {1400, 1400, 1})
+        EXPECT_TRUE(st_Peer.Recv(&strOut, 5s) && strOut == std::string(nPiece, 'R'));
+    constexpr int kMessages = 400, kInFlight = 32;  // fetched this far behind: the socket buffers never overflow
     for (int i = 0; i < kMessages + kInFlight; ++i) {
-        if (i < kMessages) {
-            st_Peer.Send(Message('p', i));
-            ASSERT_TRUE(Send(strAddr, Message('e', i))) << i << " " << std::hex << NetCore_GetLastError(nullptr);
-        }
+        if (i < kMessages) st_Peer.Send(Message('p', i));
+        ASSERT_TRUE(i >= kMessages || Send(strAddr, Message('e', i))) << i << " " << NetCore_GetLastError(nullptr);
         if (i < kInFlight) continue;
-        ASSERT_TRUE(Fetch(strAddr, &strOut));
-        ASSERT_EQ(Message('p', i - kInFlight), strOut);
-        ASSERT_TRUE(st_Peer.Recv(&strOut, 5s));
-        ASSERT_EQ(Message('e', i - kInFlight), strOut);
+        ASSERT_TRUE(WaitFor([&] { return NetCore_UDXSocket_RecvEx(h, lpszAddr, tszBuffer, &nLen); }));
+        ASSERT_EQ(Message('p', i - kInFlight), std::string(tszBuffer, static_cast<size_t>(nLen)));
+        ASSERT_TRUE(st_Peer.Recv(&strOut, 5s) && strOut == Message('e', i - kInFlight)) << i;
     }
-    udxpeer::RelayStats st_Stats = st_Relay.Stats();
-    EXPECT_GT(st_Stats.nDuplicated, 0u);
-    EXPECT_GT(st_Stats.nReordered, 0u);
-    EXPECT_EQ(1u, Calls().size()) << "the login only";
-    st_Peer.Stop();
-    st_Relay.Stop();
+    EXPECT_TRUE(st_Relay.Stats().nDuplicated > 0 && st_Relay.Stats().nReordered > 0);
+
+    // closed by the application: CLOSE goes to the peer, the leave callback follows
+    EXPECT_TRUE(NetCore_UDXSocket_CloseEx(m_hUDX, lpszAddr));
+    EXPECT_TRUE(
+        WaitFor([&] { return Calls().find("leave") != std::string::npos && st_Peer.CountOf(udxpeer::kClose); }));
+    EXPECT_FAILS(Send(strAddr, "gone"), ERROR_NETCORE_UDX_SEND_NOTFOUND);
+    // closed by the peer
+    udxpeer::Peer st_Second;
+    ASSERT_TRUE(st_Second.Open(m_nPort) && st_Second.Connect(5s));
+    st_Second.SendClose();
+    const std::string strSecond = st_Second.LocalAddr();
+    EXPECT_TRUE(WaitFor([&] {
+        return Calls() ==
+               "login " + strAddr + " 0,leave " + strAddr + " 0,login " + strSecond + " 0,leave " + strSecond + " 0,";
+    })) << Calls();
 }
 
 }  // namespace
