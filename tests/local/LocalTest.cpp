@@ -56,10 +56,6 @@ int ExpectFails(bool result, unsigned long long code, const char* call) {
     return sysError;
 }
 
-std::string Fresh(const char* tag) {
-    return "/tmp/nctest_" + std::string(tag) + std::to_string(getpid());
-}
-
 // Type and permission bits of path, or -1 when there is nothing there.
 int Mode(const std::string& path) {
     struct stat st {};
@@ -132,8 +128,7 @@ protected:
     }
     void Start(bool stream, bool withAccept = true) {
         NetCore_UnixDomain_SetCallback(withAccept ? OnAccept : nullptr, OnRecv, OnLeave, &ev, &ev, &leaveParam);
-        ASSERT_TRUE(NetCore_UnixDomain_Start(path.c_str(), stream));
-        EXPECT_FALSE(ErrorFlag());
+        ASSERT_TRUE(NetCore_UnixDomain_Start(path.c_str(), stream) && !ErrorFlag());
     }
     Fd Connect() { return UnixSocket(SOCK_STREAM, path, true); }
     bool Wait(const std::function<bool()>& pred) {
@@ -152,7 +147,9 @@ protected:
     }
     Events ev;
     int leaveParam = 0;  // registered for the leave callback, which is given the receive one's instead
-    std::string path = Fresh("ud"), peerPath = Fresh("udpeer"), fifo = Fresh("fifo"), file = Fresh("mmap");
+    // fresh paths
+    std::string base = "/tmp/nctest_" + std::to_string(getpid()), path = base + "ud", peerPath = base + "udpeer",
+                fifo = base + "fifo", file = base + "mmap";
     char buffer[64] = {};
     int len = sizeof(buffer);
     // files made with mode 0777 get 0755
@@ -238,7 +235,7 @@ TEST_F(LocalTest, UnixDomainDatagramServerReceivesAndAnswersAtThePeersPath) {
     EXPECT_EQ(0, recv(peer.Get(), buffer, sizeof(buffer), MSG_DONTWAIT));  // already queued
 
     EXPECT_FAILS(NetCore_UnixDomain_Send(0, nullptr, 1, peerPath.c_str()), ERROR_NETCORE_UNIXDOMAIN_SEND_PARAMENT);
-    EXPECT_FAILS(NetCore_UnixDomain_Send(0, "x", 1, Fresh("udnobody").c_str()), ERROR_NETCORE_UNIXDOMAIN_SEND_FAILED);
+    EXPECT_FAILS(NetCore_UnixDomain_Send(0, "x", 1, (base + "nobody").c_str()), ERROR_NETCORE_UNIXDOMAIN_SEND_FAILED);
     EXPECT_FAILS(NetCore_UnixDomain_Send(0, "x", 1, ("/tmp/" + std::string(200, 'y')).c_str()),
                  ERROR_NETCORE_UNIXDOMAIN_SEND_FAILED);
     EXPECT_FAILS(NetCore_UnixDomain_Send(0, "x", -1, peerPath.c_str()), ERROR_NETCORE_UNIXDOMAIN_SEND_FAILED);
@@ -280,8 +277,7 @@ TEST_F(LocalTest, ArgumentsAndUnknownNamesAreRefusedAndTheMailSlotMovesNoData) {
     EXPECT_FAILS(slot.NetCore_PIPMailSlot_GetAttr(nullptr, &id, &id, &id),
                  ERROR_NETCORE_PIPE_MAILSLOT_GETATTR_PARAMENT);
     EXPECT_FAILS(NetCore_PIPMMap_Create(nullptr, nullptr, page), ERROR_NETCORE_PIPE_MMAP_PARAMENT);
-    EXPECT_FAILS(NetCore_PIPMMap_Create("m", (Fresh("nodir") + "/file").c_str(), page),
-                 ERROR_NETCORE_PIPE_MMAP_OPENFILE);
+    EXPECT_FAILS(NetCore_PIPMMap_Create("m", (base + "nodir/file").c_str(), page), ERROR_NETCORE_PIPE_MMAP_OPENFILE);
     EXPECT_FAILS(NetCore_PIPMMap_Write(nullptr, buffer, 1, 0), ERROR_NETCORE_PIPE_MMAP_WRITE_PARAMENT);
     EXPECT_FAILS(NetCore_PIPMMap_Write("m", nullptr, 1, 0), ERROR_NETCORE_PIPE_MMAP_WRITE_PARAMENT);
     EXPECT_FAILS(NetCore_PIPMMap_Write("m", buffer, 1, 0), ERROR_NETCORE_PIPE_MMAP_WRITE_NOTFOUND);
@@ -372,13 +368,13 @@ TEST_F(LocalTest, MappedRegionIsReachedAtAnyOffsetAndByPointer) {
     EXPECT_STREQ("rst!", buffer);
 
     // the pointer reaches the same bytes and stays valid until Close
-    auto* base = static_cast<char*>(NetCore_PIPMMap_GetPointer("region"));
-    ASSERT_TRUE(base != nullptr && memcmp(base, "first", 5) == 0);
-    base[50] = 'p';
+    auto* mapped = static_cast<char*>(NetCore_PIPMMap_GetPointer("region"));
+    ASSERT_TRUE(mapped != nullptr && memcmp(mapped, "first", 5) == 0);
+    mapped[50] = 'p';
     EXPECT_TRUE(NetCore_PIPMMap_FreePointer("region") && NetCore_PIPMMap_OPen("region"));
     EXPECT_TRUE(NetCore_PIPMMap_Read("region", buffer, 1, 50) && buffer[0] == 'p');
     // a second Create under the name keeps the region
-    EXPECT_TRUE(NetCore_PIPMMap_Create("region", nullptr, 8192) && NetCore_PIPMMap_GetPointer("region") == base);
+    EXPECT_TRUE(NetCore_PIPMMap_Create("region", nullptr, 8192) && NetCore_PIPMMap_GetPointer("region") == mapped);
 
     // offsets are not refused, and nothing outside the mapping is touched; bytes there read as 0
     std::string data(64, 'd');
@@ -411,7 +407,6 @@ TEST_F(LocalTest, MappedRegionIsSharedWithAForkedChildUnderEveryPolicy) {
         EXPECT_EQ(std::make_tuple(true, false, policy, policy == 2),
                   std::make_tuple(created, ErrorFlag(), __atomic_load_n(&g_refused, __ATOMIC_SEQ_CST),
                                   NetCore_PIPMMap_GetPointer("shared") == MAP_FAILED));
-        fflush(nullptr);
         pid_t child = fork();
         if (child == 0) _exit(NetCore_PIPMMap_Write("shared", const_cast<char*>(text), sizeof(text), 128) ? 0 : 1);
         int status = -1;
@@ -430,8 +425,7 @@ TEST_F(LocalTest, SegmentIsAttachedTwiceAndRemoved) {
     ASSERT_TRUE(NetCore_PIPIpc_Create(&id, 2 * page) && !ErrorFlag());
     shmid_ds info{};
     EXPECT_TRUE(shmctl(id, IPC_STAT, &info) == 0 && (info.shm_perm.mode & 0777u) == 0600u);
-    auto* first = static_cast<char*>(NetCore_PIPIpc_Get(id));
-    auto* second = static_cast<char*>(NetCore_PIPIpc_Get(id));
+    char *first = static_cast<char*>(NetCore_PIPIpc_Get(id)), *second = static_cast<char*>(NetCore_PIPIpc_Get(id));
     ASSERT_TRUE(first != reinterpret_cast<void*>(-1) && second != reinterpret_cast<void*>(-1) && !ErrorFlag());
     strcpy(first + page, "shared");
     EXPECT_STREQ("shared", second + page);
