@@ -137,9 +137,10 @@ protected:
             return pred();
         });
     }
-    // Send to a stream peer until it fails with not-found (the close thread forgets a peer that
-    // left within about a second; a Send meanwhile fails with EPIPE)
-    bool Forgotten(int sock) {
+    // Sends to a stream peer until that fails with not-found: at once for a peer not in the table;
+    // a peer that left is forgotten by the close thread within about a second (a Send meanwhile
+    // fails with EPIPE).
+    bool SendNotFound(int sock) {
         return WaitFor([&] {
             return !NetCore_UnixDomain_Send(sock, "x", 1, nullptr) &&
                    NetCore_GetLastError(nullptr) == ERROR_NETCORE_UNIXDOMAIN_SEND_NOTFOUND;
@@ -185,7 +186,7 @@ TEST_F(LocalTest, UnixDomainStreamPeersAreServedRemovedAndForgottenWhenTheyLeave
     // no address text
     leaving.Reset();
     ASSERT_TRUE(Wait([&] { return ev.left.size() == 1; }));
-    EXPECT_TRUE(Forgotten(sock));
+    EXPECT_TRUE(SendNotFound(sock));
     EXPECT_EQ(std::make_tuple(1u, sock, sock, static_cast<void*>(&ev), std::string()),
               std::make_tuple(ev.left.size(), ev.left[0], ev.recvSock, ev.leftParam, ev.addrTexts));
 
@@ -203,7 +204,7 @@ TEST_F(LocalTest, UnixDomainPeerAcceptedWithoutAcceptCallbackAndStopFromACallbac
     Fd client = Connect();
     ASSERT_EQ(3, write(client.Get(), "abc", 3));
     ASSERT_TRUE(Wait([&] { return ev.data == "abc"; }));
-    EXPECT_TRUE(Forgotten(ev.recvSock) && NetCore_UnixDomain_Remove(ev.recvSock));
+    EXPECT_TRUE(SendNotFound(ev.recvSock) && NetCore_UnixDomain_Remove(ev.recvSock));
     ev.stopInRecv = true;
     ASSERT_EQ(3, write(client.Get(), "def", 3));
     ASSERT_TRUE(WaitFor([&] { return ev.stopped.load(); }));
