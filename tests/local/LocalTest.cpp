@@ -85,8 +85,7 @@ struct Events {
     std::string data, addrTexts;
     void* leftParam = nullptr;
     int recvSock = -1;
-    bool stopInRecv = false;
-    std::atomic<bool> stopped{false};
+    std::atomic<bool> stopInRecv{false}, stopped{false};
 };
 
 bool OnAccept(const char* addr, int sock, void* param) {
