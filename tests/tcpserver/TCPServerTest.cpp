@@ -114,6 +114,7 @@ protected:
         EXPECT_TRUE(WaitFor([] { return List(NetCore_TCPXPoll_GetList).empty(); })) << "clients left in the server";
         NetCore_TCPXPoll_Stop(true);
         NetCore_TCPSelect_Stop(true);
+        NetCore_TCPSelect_RegisterCallBack(nullptr, nullptr, nullptr, nullptr, nullptr, nullptr);
         alarm(0);
         NetCoreTest::TearDown();
     }
