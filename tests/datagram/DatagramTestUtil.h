@@ -34,19 +34,13 @@ inline void ExpectRowsFail(const Rows& rows) {
     }
 }
 
-// sendto from a plain socket to a text address (IPv4 or IPv6) and port.
-inline bool SendTo(int fd, const std::string& data, const char* addr, int port) {
-    sockaddr_in6 st6{};
-    sockaddr_in st4{};
-    st4.sin_family = AF_INET;
-    st4.sin_port = htons(static_cast<uint16_t>(port));
-    st6.sin6_family = AF_INET6;
-    st6.sin6_port = st4.sin_port;
-    bool v4 = inet_pton(AF_INET, addr, &st4.sin_addr) == 1;
-    if (!v4 && inet_pton(AF_INET6, addr, &st6.sin6_addr) != 1) return false;
-    return sendto(fd, data.data(), data.size(), 0,
-                  v4 ? reinterpret_cast<sockaddr*>(&st4) : reinterpret_cast<sockaddr*>(&st6),
-                  v4 ? sizeof(st4) : sizeof(st6)) == static_cast<ssize_t>(data.size());
+// sendto from a plain socket to loopback (127.0.0.1, or ::1 for AF_INET6) at port.
+inline bool SendTo(int fd, const std::string& data, int port, int family = AF_INET) {
+    sockaddr_in st4{AF_INET, htons(static_cast<uint16_t>(port)), {htonl(INADDR_LOOPBACK)}, {}};
+    sockaddr_in6 st6{AF_INET6, st4.sin_port, 0, in6addr_loopback, 0};
+    auto* addr = family == AF_INET ? reinterpret_cast<sockaddr*>(&st4) : reinterpret_cast<sockaddr*>(&st6);
+    socklen_t len = family == AF_INET ? sizeof(st4) : sizeof(st6);
+    return sendto(fd, data.data(), data.size(), 0, addr, len) == static_cast<ssize_t>(data.size());
 }
 
 // Puts a pipe's read end in place of the socket behind hSocket: a receive on it fails (not a
