@@ -1,14 +1,10 @@
 // Broadcast and multicast endpoints through the exported functions. Only the namespace case
 // broadcasts or joins a group; the other stays on loopback.
-#include <string>
-
 #include "DatagramTestUtil.h"
 
 namespace {
 
-using dgtest::ExpectFailure;
-using dgtest::kNsLocalAddr;
-using dgtest::kNsPort;
+using namespace dgtest;
 using nctest::ErrorFlag;
 
 // Receives with NetCore_BroadCast_Recv or NetCore_GroupCast_Recv, which take the same arguments:
@@ -91,19 +87,14 @@ TEST_F(CastTest, CodesAndUnicastOnLoopback) {
 
 TEST_F(CastNsTest, BroadcastAndGroupReachEveryListenerOnTheHost) {
     const std::string from = std::string(" ") + kNsLocalAddr + ":" + std::to_string(kNsPort);
-    int hSender = -1, hListener = -1, hLoopOnly = -1;
+    int hSender = -1, hListener = -1;
     ASSERT_TRUE(NetCore_BroadCast_Create(&hSender, kNsPort, nullptr));
     ASSERT_TRUE(NetCore_BroadCast_Create(&hListener, kNsPort, nullptr));  // the port is shared
-    ASSERT_TRUE(NetCore_BroadCast_Create(&hLoopOnly, kNsPort, "127.0.0.1"));
-    ASSERT_TRUE(NetCore_BroadCast_Send(hSender, "x", 1));  // one byte is the shortest message
+    ASSERT_TRUE(NetCore_BroadCast_Send(hSender, "x", 1));                 // one byte is the shortest message
     EXPECT_FALSE(ErrorFlag());
     for (int hSocket : {hListener, hSender})
         EXPECT_EQ("x" + from, Recv(NetCore_BroadCast_Recv, hSocket, nctest::kLongestWaitMs));
-    // bound to 127.0.0.1 only: a datagram to 255.255.255.255 is not addressed to it
-    EXPECT_EQ("failed untouched", Recv(NetCore_BroadCast_Recv, hLoopOnly, 50));
-    ExpectFailure(ERROR_NETCORE_SOCKET_SELECT_TIMEOUT);
-    EXPECT_TRUE(NetCore_BroadCast_Close(hSender) && NetCore_BroadCast_Close(hListener) &&
-                NetCore_BroadCast_Close(hLoopOnly));
+    EXPECT_TRUE(NetCore_BroadCast_Close(hSender) && NetCore_BroadCast_Close(hListener));
 
     if (!dgtest::MulticastInterfaceSupported()) GTEST_SKIP() << "the outgoing multicast interface is refused here";
     int hLooping = -1, hMember = -1, hQuiet = -1, nTTL = 0;
@@ -112,8 +103,7 @@ TEST_F(CastNsTest, BroadcastAndGroupReachEveryListenerOnTheHost) {
     ASSERT_TRUE(NetCore_GroupCast_Create(&hMember, kNsPort, dgtest::kNsGroupAddr, kNsLocalAddr, 0, true, AF_INET));
     ASSERT_TRUE(NetCore_GroupCast_Create(&hQuiet, kNsPort, dgtest::kNsGroupAddr, kNsLocalAddr, 0, false, AF_INET));
     EXPECT_FALSE(ErrorFlag());
-    EXPECT_EQ(0, getsockopt(hLooping, IPPROTO_IP, IP_MULTICAST_TTL, &nTTL, &len));
-    EXPECT_EQ(7, nTTL);
+    EXPECT_TRUE(getsockopt(hLooping, IPPROTO_IP, IP_MULTICAST_TTL, &nTTL, &len) == 0 && nTTL == 7) << nTTL;
     EXPECT_EQ("failed untouched", Recv(NetCore_GroupCast_Recv, hLooping, 0));  // nothing came, nothing written
     ExpectFailure(ERROR_NETCORE_SOCKET_SELECT_TIMEOUT);
     // with loop on, every member on this host, the sender included, gets the datagram
