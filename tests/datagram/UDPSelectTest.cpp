@@ -1,16 +1,11 @@
 // UDP select endpoints through the exported functions, on loopback (127.0.0.1 and ::1).
 #include <mutex>
-#include <string>
-#include <vector>
 
 #include "DatagramTestUtil.h"
 
 namespace {
 
-using dgtest::ExpectFailure;
-using dgtest::SendTo;
-using nctest::ErrorFlag;
-using nctest::Fd;
+using namespace dgtest;
 
 // Starts an endpoint on a free port (probed, so retried: another process may take it first).
 void* StartBound(int ipver, int* port) {
@@ -27,46 +22,32 @@ int SocketOf(void* handle) {
     return hSocket;
 }
 
-struct Datagram {
-    bool ok;
-    std::string addr, data;
-    int socket;
-    void* param;
-};
-
-Datagram Pull(void* handle, bool select, int room = 2048) {
+// One pulled datagram as "data sender", or "failed".
+std::string Pull(void* handle, bool select, int room = 2048) {
     char addr[128] = {};
     std::vector<char> buffer(static_cast<size_t>(room));
-    int len = room;
-    bool ok = NetCore_UDPSelect_Recv(handle, addr, buffer.data(), &len, select);
-    return {ok, addr, ok ? std::string(buffer.data(), static_cast<size_t>(len)) : "", -1, nullptr};
+    bool ok = NetCore_UDPSelect_Recv(handle, addr, buffer.data(), &room, select);
+    return ok ? std::string(buffer.data(), static_cast<size_t>(room)) + " " + addr : "failed";
 }
 
-// Collects what a receive callback is handed; a set stopHandle is stopped from the first call.
+// Collects what a receive callback is handed as "data sender socket" (the inbox is the callback's
+// context).
 struct Inbox {
     std::mutex lock;
-    std::vector<Datagram> got;
-    void* stopHandle = nullptr;
+    std::vector<std::string> got;
 
-    size_t Count() {
+    std::vector<std::string> Got() {
         std::lock_guard<std::mutex> guard(lock);
-        return got.size();
-    }
-    Datagram At(size_t i) {
-        std::lock_guard<std::mutex> guard(lock);
-        return got.at(i);
+        return got;
     }
     static void OnRecv(const char* addr, int socket, const char* msg, int len, void* param) {
         auto* inbox = static_cast<Inbox*>(param);
-        std::unique_lock<std::mutex> guard(inbox->lock);
-        inbox->got.push_back({true, addr, std::string(msg, static_cast<size_t>(len)), socket, param});
-        void* stop = std::exchange(inbox->stopHandle, nullptr);
-        guard.unlock();
-        if (stop != nullptr) NetCore_UDPSelect_Stop(stop);
+        std::lock_guard<std::mutex> guard(inbox->lock);
+        inbox->got.push_back(std::string(msg, static_cast<size_t>(len)) + " " + addr + " " + std::to_string(socket));
     }
 };
 
-class UDPSelectTest : public nctest::NetCoreTest {};
+using UDPSelectTest = nctest::NetCoreTest;
 
 TEST_F(UDPSelectTest, ArgumentHandleAndStartCodes) {
     void* unbound = NetCore_UDPSelect_Start(0, AF_INET);  // port 0: not bound, so it cannot receive
@@ -89,12 +70,13 @@ TEST_F(UDPSelectTest, ArgumentHandleAndStartCodes) {
         FAILS(NetCore_UDPSelect_RegisterCallBack(nullptr, Inbox::OnRecv, nullptr),
               ERROR_NETCORE_UDPSELECT_CBSET_PARAMENT),
     });
-    EXPECT_TRUE(NetCore_UDPSelect_Stop(nullptr));
-    EXPECT_FALSE(ErrorFlag());
+    EXPECT_TRUE(NetCore_UDPSelect_Stop(nullptr) && !nctest::ErrorFlag());
+    // Stop wakes the receive thread blocked on the socket and joins it (the fixture counts)
+    ASSERT_TRUE(NetCore_UDPSelect_RegisterCallBack(unbound, Inbox::OnRecv, nullptr));
     EXPECT_TRUE(NetCore_UDPSelect_Stop(unbound));
-    // a busy port: the bind code, and the half-made endpoint is released (the fixture counts)
+    // a busy port: the bind code, and the half-made endpoint is released
     int port = 0;
-    Fd holder = nctest::BindUdp(AF_INET, &port);
+    nctest::Fd holder = nctest::BindUdp(AF_INET, &port);
     EXPECT_EQ(nullptr, NetCore_UDPSelect_Start(port, AF_INET));
     ExpectFailure(ERROR_NETCORE_SOCKET_BIND_BIND);
 }
@@ -103,102 +85,73 @@ TEST_F(UDPSelectTest, PullModeOverIPv4AndIPv6) {
     for (int ipver : {AF_INET, AF_INET6, 0}) {  // any number but AF_INET means IPv6
         SCOPED_TRACE(ipver);
         if (ipver != AF_INET && !nctest::Ipv6Available()) continue;
-        const char* loop = ipver == AF_INET ? "127.0.0.1" : "::1";
+        const int family = ipver == AF_INET ? AF_INET : AF_INET6;
+        const std::string loop = family == AF_INET ? "127.0.0.1" : "::1";
         int port = 0, peerPort = 0;
         void* receiver = StartBound(ipver, &port);
-        void* sender = NetCore_UDPSelect_Start(0, ipver);
-        Fd peer = nctest::BindUdp(ipver == AF_INET ? AF_INET : AF_INET6, &peerPort);
-        ASSERT_TRUE(receiver && sender);
-        EXPECT_FALSE(Pull(receiver, true).ok);  // nothing there: the 100 ms wait gives its code
+        nctest::Fd peer = nctest::BindUdp(family, &peerPort);
+        ASSERT_NE(nullptr, receiver);
+        EXPECT_EQ("failed", Pull(receiver, true));  // nothing there: the 100 ms wait gives its code
         ExpectFailure(ERROR_NETCORE_SOCKET_SELECT_TIMEOUT);
-
-        ASSERT_TRUE(NetCore_UDPSelect_Send(sender, "first", 5, loop, port));
-        EXPECT_FALSE(ErrorFlag());
-        Datagram got = Pull(receiver, true);
-        ASSERT_TRUE(got.ok);
-        EXPECT_FALSE(ErrorFlag());
-        EXPECT_EQ("first", got.data);
+        // the endpoint sends to itself
+        ASSERT_TRUE(NetCore_UDPSelect_Send(receiver, "first", 5, loop.c_str(), port));
+        std::string got = Pull(receiver, true);
+        EXPECT_FALSE(nctest::ErrorFlag());
         // the IPv6 send may arrive over IPv4 (a mapped sender address): only its port is certain
-        EXPECT_EQ(":" + std::to_string(nctest::LocalPort(SocketOf(sender))), got.addr.substr(got.addr.rfind(':')));
+        EXPECT_EQ("first :" + std::to_string(port), got.substr(0, 6) + got.substr(got.rfind(':')));
         // without the wait it blocks until a datagram is there; a longer one is cut to the room
-        ASSERT_TRUE(NetCore_UDPSelect_Send(sender, "0123456789", 10, loop, port));
-        got = Pull(receiver, false, 4);
-        EXPECT_TRUE(got.ok);
-        EXPECT_EQ("0123", got.data);
-        // an empty datagram is a receive of 0 bytes
-        ASSERT_TRUE(SendTo(peer.Get(), "", loop, port));
-        got = Pull(receiver, true);
-        EXPECT_TRUE(got.ok);
-        EXPECT_EQ("", got.data);
-        EXPECT_EQ(std::string(loop) + ":" + std::to_string(peerPort), got.addr);
-
+        ASSERT_TRUE(NetCore_UDPSelect_Send(receiver, "0123456789", 10, loop.c_str(), port));
+        EXPECT_EQ("0123 ", Pull(receiver, false, 4).substr(0, 5));
+        ASSERT_TRUE(SendTo(peer.Get(), "", port, family));  // an empty datagram is a receive of 0 bytes
+        EXPECT_EQ(" " + loop + ":" + std::to_string(peerPort), Pull(receiver, true));
         dgtest::BreakSocket(SocketOf(receiver));
-        EXPECT_FALSE(Pull(receiver, false).ok);
+        EXPECT_EQ("failed", Pull(receiver, false));
         ExpectFailure(ERROR_NETCORE_UDPSELECT_RECV_FAILED);
         EXPECT_TRUE(NetCore_UDPSelect_Stop(receiver));
-        EXPECT_TRUE(NetCore_UDPSelect_Stop(sender));
     }
 }
 
-TEST_F(UDPSelectTest, CallbackModeDeliversUntilAnEmptyDatagram) {
+TEST_F(UDPSelectTest, CallbackModeDeliversUntilAnEmptyDatagramOrAStop) {
     int port = 0, peerPort = 0;
     void* endpoint = StartBound(AF_INET, &port);
     ASSERT_NE(nullptr, endpoint);
-    Fd peer = nctest::BindUdp(AF_INET, &peerPort);
+    nctest::Fd peer = nctest::BindUdp(AF_INET, &peerPort);
+    const std::string from = " 127.0.0.1:" + std::to_string(peerPort);
+    const std::string to = from + " " + std::to_string(SocketOf(endpoint));
     Inbox first, second;
     const int threads = nctest::CountThreads();
     ASSERT_TRUE(NetCore_UDPSelect_RegisterCallBack(endpoint, Inbox::OnRecv, &first));
-    EXPECT_FALSE(ErrorFlag());
-    EXPECT_EQ(threads + 1, nctest::CountThreads());
-    EXPECT_FALSE(Pull(endpoint, true).ok);  // the callback has the datagrams
+    EXPECT_FALSE(nctest::ErrorFlag());
+    EXPECT_EQ("failed", Pull(endpoint, true));  // the callback has the datagrams
     ExpectFailure(ERROR_NETCORE_UDPSELECT_RECV_CALLMODE);
-
     std::string big(3000, 'x');
     big[2047] = 'y';
-    ASSERT_TRUE(SendTo(peer.Get(), big, "127.0.0.1", port));
-    ASSERT_TRUE(SendTo(peer.Get(), "two", "127.0.0.1", port));
-    ASSERT_TRUE(nctest::WaitFor([&] { return first.Count() == 2; }));
-    EXPECT_EQ(big.substr(0, 2048), first.At(0).data);  // cut to the thread's 2048 bytes
-    EXPECT_EQ("two", first.At(1).data);
-    EXPECT_EQ("127.0.0.1:" + std::to_string(peerPort), first.At(1).addr);
-    EXPECT_EQ(SocketOf(endpoint), first.At(1).socket);
-    EXPECT_EQ(&first, first.At(1).param);
+    ASSERT_TRUE(SendTo(peer.Get(), big, port) && SendTo(peer.Get(), "two", port));
+    ASSERT_TRUE(nctest::WaitFor([&] { return first.Got().size() == 2; }));
+    // the thread's room is 2048 bytes
+    EXPECT_EQ((std::vector<std::string>{big.substr(0, 2048) + to, "two" + to}), first.Got());
 
     // a second registration hands its callback to the thread already running
     ASSERT_TRUE(NetCore_UDPSelect_RegisterCallBack(endpoint, Inbox::OnRecv, &second));
     EXPECT_EQ(threads + 1, nctest::CountThreads());
-    ASSERT_TRUE(SendTo(peer.Get(), "b", "127.0.0.1", port));
-    ASSERT_TRUE(nctest::WaitFor([&] { return second.Count() == 1; }));
-    EXPECT_EQ("b", second.At(0).data);
-
+    ASSERT_TRUE(SendTo(peer.Get(), "b", port));
+    ASSERT_TRUE(nctest::WaitFor([&] { return second.Got().size() == 1; }));
+    EXPECT_EQ(std::vector<std::string>{"b" + to}, second.Got());
     // an empty datagram ends the thread; the endpoint stays in callback mode until switched
-    ASSERT_TRUE(SendTo(peer.Get(), "", "127.0.0.1", port));
+    ASSERT_TRUE(SendTo(peer.Get(), "", port));
     ASSERT_TRUE(nctest::WaitFor([&] { return nctest::CountThreads() == threads; }));
-    ASSERT_TRUE(SendTo(peer.Get(), "late", "127.0.0.1", port));
-    EXPECT_FALSE(Pull(endpoint, true).ok);
+    ASSERT_TRUE(SendTo(peer.Get(), "late", port));
+    EXPECT_EQ("failed", Pull(endpoint, true));
     ExpectFailure(ERROR_NETCORE_UDPSELECT_RECV_CALLMODE);
     ASSERT_TRUE(NetCore_UDPSelect_SetMode(endpoint, false));
-    EXPECT_EQ("late", Pull(endpoint, true).data);
-    // registering again starts a fresh thread
-    ASSERT_TRUE(NetCore_UDPSelect_RegisterCallBack(endpoint, Inbox::OnRecv, &first));
-    ASSERT_TRUE(SendTo(peer.Get(), "c", "127.0.0.1", port));
-    ASSERT_TRUE(nctest::WaitFor([&] { return first.Count() == 3; }));
-    EXPECT_EQ("c", first.At(2).data);
-    EXPECT_EQ(1u, second.Count());
-    EXPECT_TRUE(NetCore_UDPSelect_Stop(endpoint));  // joins the thread: the fixture sees it gone
-}
-
-TEST_F(UDPSelectTest, StopFromItsOwnCallbackReleasesTheEndpoint) {
-    int port = 0, peerPort = 0;
-    Inbox inbox;
-    inbox.stopHandle = StartBound(AF_INET, &port);
-    ASSERT_NE(nullptr, inbox.stopHandle);
-    Fd peer = nctest::BindUdp(AF_INET, &peerPort);
-    ASSERT_TRUE(NetCore_UDPSelect_RegisterCallBack(inbox.stopHandle, Inbox::OnRecv, &inbox));
-    ASSERT_TRUE(SendTo(peer.Get(), "stop", "127.0.0.1", port));
-    // the thread frees the endpoint and closes its socket once the callback has returned; the
-    // fixture sees the thread and the socket gone
-    ASSERT_TRUE(nctest::WaitFor([&] { return inbox.Count() == 1; }));
+    EXPECT_EQ("late" + from, Pull(endpoint, true));
+    // registering again starts a fresh thread; a Stop from inside its callback releases the
+    // endpoint once the callback has returned (the fixture sees the thread and the socket go)
+    auto fnStop = [](const char*, int, const char*, int, void* param) { NetCore_UDPSelect_Stop(param); };
+    ASSERT_TRUE(NetCore_UDPSelect_RegisterCallBack(endpoint, fnStop, endpoint));
+    ASSERT_TRUE(SendTo(peer.Get(), "c", port));
+    EXPECT_TRUE(nctest::WaitFor([&] { return nctest::CountThreads() == threads; }));
+    EXPECT_TRUE(first.Got().size() == 2 && second.Got().size() == 1);  // the later datagrams went elsewhere
 }
 
 }  // namespace
