@@ -47,7 +47,7 @@ using namespace nctest;
 
 // A call that failed, and the error state it left, which is then reset for the next call; gives
 // the system error stored with the code.
-#define EXPECT_FAILS(call, code) ExpectFails(call, code, #call)
+#define EXPECT_REFUSED(call, code) ExpectFails(call, code, #call)
 int ExpectFails(bool result, unsigned long long code, const char* call) {
     int sysError = 0;
     EXPECT_EQ(std::make_tuple(false, true, code), std::make_tuple(result, ErrorFlag(), NetCore_GetLastError(&sysError)))
@@ -159,15 +159,15 @@ protected:
 // A peer's receive thread writes the error state each time its readiness wait runs out, so error
 // states are read here before any peer is there, or retried.
 TEST_F(LocalTest, UnixDomainStreamPeersAreServedRemovedAndForgottenWhenTheyLeave) {
-    EXPECT_FAILS(NetCore_UnixDomain_Start(nullptr, true), ERROR_NETCORE_UNIXDOMAIN_START_PARAMENT);
+    EXPECT_REFUSED(NetCore_UnixDomain_Start(nullptr, true), ERROR_NETCORE_UNIXDOMAIN_START_PARAMENT);
     // a path too long for the address is refused, not cut
-    EXPECT_FAILS(NetCore_UnixDomain_Start(("/tmp/" + std::string(120, 'x')).c_str(), true),
+    EXPECT_REFUSED(NetCore_UnixDomain_Start(("/tmp/" + std::string(120, 'x')).c_str(), true),
                  ERROR_NETCORE_UNIXDOMAIN_START_BIND);
     Start(true);
     // a second Start fails and leaves the running server alone
-    EXPECT_FAILS(NetCore_UnixDomain_Start(path.c_str(), true), ERROR_NETCORE_UNIXDOMAIN_START_BIND);
-    EXPECT_FAILS(NetCore_UnixDomain_Send(0, nullptr, 1, nullptr), ERROR_NETCORE_UNIXDOMAIN_SEND_PARAMENT);
-    EXPECT_FAILS(NetCore_UnixDomain_Send(-1, "x", 1, nullptr), ERROR_NETCORE_UNIXDOMAIN_SEND_NOTFOUND);
+    EXPECT_REFUSED(NetCore_UnixDomain_Start(path.c_str(), true), ERROR_NETCORE_UNIXDOMAIN_START_BIND);
+    EXPECT_REFUSED(NetCore_UnixDomain_Send(0, nullptr, 1, nullptr), ERROR_NETCORE_UNIXDOMAIN_SEND_PARAMENT);
+    EXPECT_REFUSED(NetCore_UnixDomain_Send(-1, "x", 1, nullptr), ERROR_NETCORE_UNIXDOMAIN_SEND_NOTFOUND);
     Fd staying = Connect(), leaving = Connect();
     ASSERT_TRUE(Wait([&] { return ev.accepted.size() == 2; }));
     ASSERT_EQ(5, write(leaving.Get(), "hello", 5));
@@ -193,7 +193,7 @@ TEST_F(LocalTest, UnixDomainStreamPeersAreServedRemovedAndForgottenWhenTheyLeave
     EXPECT_TRUE(NetCore_UnixDomain_Stop() && Mode(path) == -1);
     Fd bound = UnixSocket(SOCK_DGRAM, path, false);
     EXPECT_TRUE(NetCore_UnixDomain_Stop());
-    EXPECT_FAILS(NetCore_UnixDomain_Start(path.c_str(), false), ERROR_NETCORE_UNIXDOMAIN_START_BIND);
+    EXPECT_REFUSED(NetCore_UnixDomain_Start(path.c_str(), false), ERROR_NETCORE_UNIXDOMAIN_START_BIND);
 }
 
 // Without an accept callback a peer is served but not in the table; Stop from a receive callback
@@ -234,64 +234,64 @@ TEST_F(LocalTest, UnixDomainDatagramServerReceivesAndAnswersAtThePeersPath) {
     EXPECT_STREQ(path.c_str(), from.sun_path);
     EXPECT_EQ(0, recv(peer.Get(), buffer, sizeof(buffer), MSG_DONTWAIT));  // already queued
 
-    EXPECT_FAILS(NetCore_UnixDomain_Send(0, nullptr, 1, peerPath.c_str()), ERROR_NETCORE_UNIXDOMAIN_SEND_PARAMENT);
-    EXPECT_FAILS(NetCore_UnixDomain_Send(0, "x", 1, (base + "nobody").c_str()), ERROR_NETCORE_UNIXDOMAIN_SEND_FAILED);
-    EXPECT_FAILS(NetCore_UnixDomain_Send(0, "x", 1, ("/tmp/" + std::string(200, 'y')).c_str()),
+    EXPECT_REFUSED(NetCore_UnixDomain_Send(0, nullptr, 1, peerPath.c_str()), ERROR_NETCORE_UNIXDOMAIN_SEND_PARAMENT);
+    EXPECT_REFUSED(NetCore_UnixDomain_Send(0, "x", 1, (base + "nobody").c_str()), ERROR_NETCORE_UNIXDOMAIN_SEND_FAILED);
+    EXPECT_REFUSED(NetCore_UnixDomain_Send(0, "x", 1, ("/tmp/" + std::string(200, 'y')).c_str()),
                  ERROR_NETCORE_UNIXDOMAIN_SEND_FAILED);
-    EXPECT_FAILS(NetCore_UnixDomain_Send(0, "x", -1, peerPath.c_str()), ERROR_NETCORE_UNIXDOMAIN_SEND_FAILED);
+    EXPECT_REFUSED(NetCore_UnixDomain_Send(0, "x", -1, peerPath.c_str()), ERROR_NETCORE_UNIXDOMAIN_SEND_FAILED);
 }
 
 TEST_F(LocalTest, ArgumentsAndUnknownNamesAreRefusedAndTheMailSlotMovesNoData) {
     CNetCore_PIPMailSlot slot;
     int id = -1;
     const int page = getpagesize();
-    EXPECT_FAILS(NetCore_PIPAnonymous_Create(nullptr, nullptr), ERROR_NETCORE_PIPE_ANONYMOUS_PARAMENT);
-    EXPECT_FAILS(NetCore_PIPAnonymous_Read(nullptr, buffer, &len), ERROR_NETCORE_PIPE_ANONYMOUS_READ_PARAMENT);
-    EXPECT_FAILS(NetCore_PIPAnonymous_Read("p", nullptr, &len), ERROR_NETCORE_PIPE_ANONYMOUS_READ_PARAMENT);
-    EXPECT_FAILS(NetCore_PIPAnonymous_Read("p", buffer, nullptr), ERROR_NETCORE_PIPE_ANONYMOUS_READ_PARAMENT);
-    EXPECT_FAILS(NetCore_PIPAnonymous_Read("p", buffer, &len), ERROR_NETCORE_PIPE_ANONYMOUS_READ_NOTFOUND);
-    EXPECT_FAILS(NetCore_PIPAnonymous_Write(nullptr, "x", 1), ERROR_NETCORE_PIPE_ANONYMOUS_WRITE_PARAMENT);
-    EXPECT_FAILS(NetCore_PIPAnonymous_Write("p", nullptr, 1), ERROR_NETCORE_PIPE_ANONYMOUS_WRITE_PARAMENT);
-    EXPECT_FAILS(NetCore_PIPAnonymous_Write("p", "x", 1), ERROR_NETCORE_PIPE_ANONYMOUS_WRITE_NOTFOUND);
-    EXPECT_FAILS(NetCore_PIPNamed_Create(nullptr), ERROR_NETCORE_PIPE_NAMED_PARAMENT);
-    EXPECT_FAILS(NetCore_PIPNamed_OPen(nullptr), ERROR_NETCORE_PIPE_NAMED_OPEN_PARAMENT);
-    EXPECT_FAILS(NetCore_PIPNamed_OPen(fifo.c_str()), ERROR_NETCORE_PIPE_NAMED_OPEN_FAILED);
-    EXPECT_FAILS(NetCore_PIPNamed_WaitConnect(nullptr), ERROR_NETCORE_PIPE_NAMED_WAIT_PARAMENT);
-    EXPECT_FAILS(NetCore_PIPNamed_Read(nullptr, buffer, &len), ERROR_NETCORE_PIPE_NAMED_READ_PARAMENT);
-    EXPECT_FAILS(NetCore_PIPNamed_Read("p", nullptr, &len), ERROR_NETCORE_PIPE_NAMED_READ_PARAMENT);
-    EXPECT_FAILS(NetCore_PIPNamed_Read("p", buffer, nullptr), ERROR_NETCORE_PIPE_NAMED_READ_PARAMENT);
-    EXPECT_FAILS(NetCore_PIPNamed_Read("p", buffer, &len), ERROR_NETCORE_PIPE_NAMED_READ_NOTFOUND);
-    EXPECT_FAILS(NetCore_PIPNamed_Write(nullptr, "x", 1), ERROR_NETCORE_PIPE_NAMED_WRITE_PARAMENT);
-    EXPECT_FAILS(NetCore_PIPNamed_Write("p", nullptr, 1), ERROR_NETCORE_PIPE_NAMED_WRITE_PARAMENT);
-    EXPECT_FAILS(NetCore_PIPNamed_Write("p", "x", 1), ERROR_NETCORE_PIPE_NAMED_WRITE_NOTFOUND);
-    EXPECT_FAILS(slot.NetCore_PIPMailSlot_Create(nullptr), ERROR_NETCORE_PIPE_MAILSLOT_PARAMENT);
-    EXPECT_FAILS(slot.NetCore_PIPMailSlot_OPen(nullptr), ERROR_NETCORE_PIPE_MAILSLOT_OPEN_PARAMENT);
-    EXPECT_FAILS(slot.NetCore_PIPMailSlot_Read(nullptr, buffer, &len), ERROR_NETCORE_PIPE_MAILSLOT_READ_PARAMENT);
-    EXPECT_FAILS(slot.NetCore_PIPMailSlot_Read("s", nullptr, &len), ERROR_NETCORE_PIPE_MAILSLOT_READ_PARAMENT);
-    EXPECT_FAILS(slot.NetCore_PIPMailSlot_Read("s", buffer, nullptr), ERROR_NETCORE_PIPE_MAILSLOT_READ_PARAMENT);
-    EXPECT_FAILS(slot.NetCore_PIPMailSlot_Read("s", buffer, &len), ERROR_NETCORE_PIPE_MAILSLOT_READ_NOTFOUND);
-    EXPECT_FAILS(slot.NetCore_PIPMailSlot_Write(nullptr, "x", 1), ERROR_NETCORE_PIPE_MAILSLOT_WRITE_PARAMENT);
-    EXPECT_FAILS(slot.NetCore_PIPMailSlot_Write("s", nullptr, 1), ERROR_NETCORE_PIPE_MAILSLOT_WRITE_PARAMENT);
-    EXPECT_FAILS(slot.NetCore_PIPMailSlot_Write("s", "x", 1), ERROR_NETCORE_PIPE_MAILSLOT_WRITE_NOTFOUND);
-    EXPECT_FAILS(slot.NetCore_PIPMailSlot_SetAttr(nullptr, 1, 2), ERROR_NETCORE_PIPE_MAILSLOT_SETATTR_PARAMENT);
-    EXPECT_FAILS(slot.NetCore_PIPMailSlot_GetAttr(nullptr, &id, &id, &id),
+    EXPECT_REFUSED(NetCore_PIPAnonymous_Create(nullptr, nullptr), ERROR_NETCORE_PIPE_ANONYMOUS_PARAMENT);
+    EXPECT_REFUSED(NetCore_PIPAnonymous_Read(nullptr, buffer, &len), ERROR_NETCORE_PIPE_ANONYMOUS_READ_PARAMENT);
+    EXPECT_REFUSED(NetCore_PIPAnonymous_Read("p", nullptr, &len), ERROR_NETCORE_PIPE_ANONYMOUS_READ_PARAMENT);
+    EXPECT_REFUSED(NetCore_PIPAnonymous_Read("p", buffer, nullptr), ERROR_NETCORE_PIPE_ANONYMOUS_READ_PARAMENT);
+    EXPECT_REFUSED(NetCore_PIPAnonymous_Read("p", buffer, &len), ERROR_NETCORE_PIPE_ANONYMOUS_READ_NOTFOUND);
+    EXPECT_REFUSED(NetCore_PIPAnonymous_Write(nullptr, "x", 1), ERROR_NETCORE_PIPE_ANONYMOUS_WRITE_PARAMENT);
+    EXPECT_REFUSED(NetCore_PIPAnonymous_Write("p", nullptr, 1), ERROR_NETCORE_PIPE_ANONYMOUS_WRITE_PARAMENT);
+    EXPECT_REFUSED(NetCore_PIPAnonymous_Write("p", "x", 1), ERROR_NETCORE_PIPE_ANONYMOUS_WRITE_NOTFOUND);
+    EXPECT_REFUSED(NetCore_PIPNamed_Create(nullptr), ERROR_NETCORE_PIPE_NAMED_PARAMENT);
+    EXPECT_REFUSED(NetCore_PIPNamed_OPen(nullptr), ERROR_NETCORE_PIPE_NAMED_OPEN_PARAMENT);
+    EXPECT_REFUSED(NetCore_PIPNamed_OPen(fifo.c_str()), ERROR_NETCORE_PIPE_NAMED_OPEN_FAILED);
+    EXPECT_REFUSED(NetCore_PIPNamed_WaitConnect(nullptr), ERROR_NETCORE_PIPE_NAMED_WAIT_PARAMENT);
+    EXPECT_REFUSED(NetCore_PIPNamed_Read(nullptr, buffer, &len), ERROR_NETCORE_PIPE_NAMED_READ_PARAMENT);
+    EXPECT_REFUSED(NetCore_PIPNamed_Read("p", nullptr, &len), ERROR_NETCORE_PIPE_NAMED_READ_PARAMENT);
+    EXPECT_REFUSED(NetCore_PIPNamed_Read("p", buffer, nullptr), ERROR_NETCORE_PIPE_NAMED_READ_PARAMENT);
+    EXPECT_REFUSED(NetCore_PIPNamed_Read("p", buffer, &len), ERROR_NETCORE_PIPE_NAMED_READ_NOTFOUND);
+    EXPECT_REFUSED(NetCore_PIPNamed_Write(nullptr, "x", 1), ERROR_NETCORE_PIPE_NAMED_WRITE_PARAMENT);
+    EXPECT_REFUSED(NetCore_PIPNamed_Write("p", nullptr, 1), ERROR_NETCORE_PIPE_NAMED_WRITE_PARAMENT);
+    EXPECT_REFUSED(NetCore_PIPNamed_Write("p", "x", 1), ERROR_NETCORE_PIPE_NAMED_WRITE_NOTFOUND);
+    EXPECT_REFUSED(slot.NetCore_PIPMailSlot_Create(nullptr), ERROR_NETCORE_PIPE_MAILSLOT_PARAMENT);
+    EXPECT_REFUSED(slot.NetCore_PIPMailSlot_OPen(nullptr), ERROR_NETCORE_PIPE_MAILSLOT_OPEN_PARAMENT);
+    EXPECT_REFUSED(slot.NetCore_PIPMailSlot_Read(nullptr, buffer, &len), ERROR_NETCORE_PIPE_MAILSLOT_READ_PARAMENT);
+    EXPECT_REFUSED(slot.NetCore_PIPMailSlot_Read("s", nullptr, &len), ERROR_NETCORE_PIPE_MAILSLOT_READ_PARAMENT);
+    EXPECT_REFUSED(slot.NetCore_PIPMailSlot_Read("s", buffer, nullptr), ERROR_NETCORE_PIPE_MAILSLOT_READ_PARAMENT);
+    EXPECT_REFUSED(slot.NetCore_PIPMailSlot_Read("s", buffer, &len), ERROR_NETCORE_PIPE_MAILSLOT_READ_NOTFOUND);
+    EXPECT_REFUSED(slot.NetCore_PIPMailSlot_Write(nullptr, "x", 1), ERROR_NETCORE_PIPE_MAILSLOT_WRITE_PARAMENT);
+    EXPECT_REFUSED(slot.NetCore_PIPMailSlot_Write("s", nullptr, 1), ERROR_NETCORE_PIPE_MAILSLOT_WRITE_PARAMENT);
+    EXPECT_REFUSED(slot.NetCore_PIPMailSlot_Write("s", "x", 1), ERROR_NETCORE_PIPE_MAILSLOT_WRITE_NOTFOUND);
+    EXPECT_REFUSED(slot.NetCore_PIPMailSlot_SetAttr(nullptr, 1, 2), ERROR_NETCORE_PIPE_MAILSLOT_SETATTR_PARAMENT);
+    EXPECT_REFUSED(slot.NetCore_PIPMailSlot_GetAttr(nullptr, &id, &id, &id),
                  ERROR_NETCORE_PIPE_MAILSLOT_GETATTR_PARAMENT);
-    EXPECT_FAILS(NetCore_PIPMMap_Create(nullptr, nullptr, page), ERROR_NETCORE_PIPE_MMAP_PARAMENT);
-    EXPECT_FAILS(NetCore_PIPMMap_Create("m", (base + "nodir/file").c_str(), page), ERROR_NETCORE_PIPE_MMAP_OPENFILE);
-    EXPECT_FAILS(NetCore_PIPMMap_Write(nullptr, buffer, 1, 0), ERROR_NETCORE_PIPE_MMAP_WRITE_PARAMENT);
-    EXPECT_FAILS(NetCore_PIPMMap_Write("m", nullptr, 1, 0), ERROR_NETCORE_PIPE_MMAP_WRITE_PARAMENT);
-    EXPECT_FAILS(NetCore_PIPMMap_Write("m", buffer, 1, 0), ERROR_NETCORE_PIPE_MMAP_WRITE_NOTFOUND);
+    EXPECT_REFUSED(NetCore_PIPMMap_Create(nullptr, nullptr, page), ERROR_NETCORE_PIPE_MMAP_PARAMENT);
+    EXPECT_REFUSED(NetCore_PIPMMap_Create("m", (base + "nodir/file").c_str(), page), ERROR_NETCORE_PIPE_MMAP_OPENFILE);
+    EXPECT_REFUSED(NetCore_PIPMMap_Write(nullptr, buffer, 1, 0), ERROR_NETCORE_PIPE_MMAP_WRITE_PARAMENT);
+    EXPECT_REFUSED(NetCore_PIPMMap_Write("m", nullptr, 1, 0), ERROR_NETCORE_PIPE_MMAP_WRITE_PARAMENT);
+    EXPECT_REFUSED(NetCore_PIPMMap_Write("m", buffer, 1, 0), ERROR_NETCORE_PIPE_MMAP_WRITE_NOTFOUND);
     // the codes from Read on have one hexadecimal digit fewer than the rest
-    EXPECT_FAILS(NetCore_PIPMMap_Read(nullptr, buffer, 1, 0), 0x0020A120);
-    EXPECT_FAILS(NetCore_PIPMMap_Read("m", nullptr, 1, 0), 0x0020A120);
-    EXPECT_FAILS(NetCore_PIPMMap_Read("m", buffer, 1, 0), 0x0020A121);
-    EXPECT_FAILS(NetCore_PIPMMap_OPen(nullptr), 0x0020A130);
-    EXPECT_FAILS(NetCore_PIPMMap_GetPointer(nullptr) != nullptr, 0x0020A140);
-    EXPECT_FAILS(NetCore_PIPMMap_GetPointer("m") != nullptr, 0x0020A141);
-    EXPECT_FAILS(NetCore_PIPMMap_FreePointer(nullptr), 0x0020A150);
-    EXPECT_FAILS(NetCore_PIPIpc_Create(nullptr, page), ERROR_NETCORE_PIPE_IPC_PARAMENT);
-    EXPECT_FAILS(NetCore_PIPIpc_Create(&id, page + 1), ERROR_NETCORE_PIPE_IPC_SIZE);
-    EXPECT_FAILS(NetCore_PIPIpc_Create(&id, 0), ERROR_NETCORE_PIPE_IPC_SHMGET);
+    EXPECT_REFUSED(NetCore_PIPMMap_Read(nullptr, buffer, 1, 0), 0x0020A120);
+    EXPECT_REFUSED(NetCore_PIPMMap_Read("m", nullptr, 1, 0), 0x0020A120);
+    EXPECT_REFUSED(NetCore_PIPMMap_Read("m", buffer, 1, 0), 0x0020A121);
+    EXPECT_REFUSED(NetCore_PIPMMap_OPen(nullptr), 0x0020A130);
+    EXPECT_REFUSED(NetCore_PIPMMap_GetPointer(nullptr) != nullptr, 0x0020A140);
+    EXPECT_REFUSED(NetCore_PIPMMap_GetPointer("m") != nullptr, 0x0020A141);
+    EXPECT_REFUSED(NetCore_PIPMMap_FreePointer(nullptr), 0x0020A150);
+    EXPECT_REFUSED(NetCore_PIPIpc_Create(nullptr, page), ERROR_NETCORE_PIPE_IPC_PARAMENT);
+    EXPECT_REFUSED(NetCore_PIPIpc_Create(&id, page + 1), ERROR_NETCORE_PIPE_IPC_SIZE);
+    EXPECT_REFUSED(NetCore_PIPIpc_Create(&id, 0), ERROR_NETCORE_PIPE_IPC_SHMGET);
     EXPECT_EQ(-1, id);
 
     // the mailslot registry keeps names and moves no data; Read leaves the flag set even when it
@@ -305,7 +305,7 @@ TEST_F(LocalTest, ArgumentsAndUnknownNamesAreRefusedAndTheMailSlotMovesNoData) {
     EXPECT_TRUE(slot.NetCore_PIPMailSlot_SetAttr("slot", 1, 2) &&
                 slot.NetCore_PIPMailSlot_GetAttr("slot", &attr, &attr, &attr) && !ErrorFlag() && attr == 11);
     EXPECT_TRUE(slot.NetCore_PIPMailSlot_Close("slot") && slot.NetCore_PIPMailSlot_Close("never there"));
-    EXPECT_FAILS(slot.NetCore_PIPMailSlot_Write("slot", "x", 1), ERROR_NETCORE_PIPE_MAILSLOT_WRITE_NOTFOUND);
+    EXPECT_REFUSED(slot.NetCore_PIPMailSlot_Write("slot", "x", 1), ERROR_NETCORE_PIPE_MAILSLOT_WRITE_NOTFOUND);
 }
 
 TEST_F(LocalTest, AnonymousPipeCarriesDataUntilClosed) {
@@ -319,8 +319,8 @@ TEST_F(LocalTest, AnonymousPipeCarriesDataUntilClosed) {
     EXPECT_TRUE(NetCore_PIPAnonymous_Read("a", buffer, &len) && !ErrorFlag());
     EXPECT_EQ(std::make_tuple(5, std::string("hello")), std::make_tuple(len, std::string(buffer)));
 
-    EXPECT_FAILS(NetCore_PIPAnonymous_Read("a", buffer, &(len = -1)), ERROR_NETCORE_PIPE_ANONYMOUS_READ_FAILED);
-    EXPECT_FAILS(NetCore_PIPAnonymous_Write("a", buffer, -1), ERROR_NETCORE_PIPE_ANONYMOUS_WRITE_FAILED);
+    EXPECT_REFUSED(NetCore_PIPAnonymous_Read("a", buffer, &(len = -1)), ERROR_NETCORE_PIPE_ANONYMOUS_READ_FAILED);
+    EXPECT_REFUSED(NetCore_PIPAnonymous_Write("a", buffer, -1), ERROR_NETCORE_PIPE_ANONYMOUS_WRITE_FAILED);
     EXPECT_TRUE(NetCore_PIPAnonymous_Close("a") && NetCore_PIPAnonymous_Close("a") && !ErrorFlag());
     EXPECT_EQ(fds, CountOpenFds());
 }
@@ -330,11 +330,11 @@ TEST_F(LocalTest, NamedPipeIsAFifoOnDiskThatTheCreatorUnlinks) {
     ASSERT_TRUE(NetCore_PIPNamed_Create(fifo.c_str()));
     EXPECT_EQ(std::make_tuple(true, 0ULL, S_IFIFO | 0755),
               std::make_tuple(ErrorFlag(), NetCore_GetLastError(nullptr), Mode(fifo)));
-    EXPECT_FAILS(NetCore_PIPNamed_Create(fifo.c_str()), ERROR_NETCORE_PIPE_NAMED_MKFIFO);
+    EXPECT_REFUSED(NetCore_PIPNamed_Create(fifo.c_str()), ERROR_NETCORE_PIPE_NAMED_MKFIFO);
 
     // nothing in it yet: the non-blocking read fails at once
     EXPECT_EQ(EAGAIN,
-              EXPECT_FAILS(NetCore_PIPNamed_Read(fifo.c_str(), buffer, &len), ERROR_NETCORE_PIPE_NAMED_READ_FAILED));
+              EXPECT_REFUSED(NetCore_PIPNamed_Read(fifo.c_str(), buffer, &len), ERROR_NETCORE_PIPE_NAMED_READ_FAILED));
 
     // a second opening of the same FIFO under another spelling of its path
     const std::string alias = "/tmp/." + fifo.substr(4);
@@ -343,10 +343,10 @@ TEST_F(LocalTest, NamedPipeIsAFifoOnDiskThatTheCreatorUnlinks) {
     EXPECT_TRUE(NetCore_PIPNamed_Read(fifo.c_str(), buffer, &len) && !ErrorFlag());
     EXPECT_EQ(std::make_tuple(9, std::string("fifo data")), std::make_tuple(len, std::string(buffer)));
 
-    EXPECT_FAILS(NetCore_PIPNamed_Read(fifo.c_str(), buffer, &(len = -1)), ERROR_NETCORE_PIPE_NAMED_READ_FAILED);
-    EXPECT_FAILS(NetCore_PIPNamed_Write(fifo.c_str(), buffer, -1), ERROR_NETCORE_PIPE_NAMED_WRITE_FAILED);
+    EXPECT_REFUSED(NetCore_PIPNamed_Read(fifo.c_str(), buffer, &(len = -1)), ERROR_NETCORE_PIPE_NAMED_READ_FAILED);
+    EXPECT_REFUSED(NetCore_PIPNamed_Write(fifo.c_str(), buffer, -1), ERROR_NETCORE_PIPE_NAMED_WRITE_FAILED);
     std::string big(1 << 20, 'b');  // more than the FIFO holds: the non-blocking write is short
-    EXPECT_FAILS(NetCore_PIPNamed_Write(fifo.c_str(), big.data(), static_cast<int>(big.size())),
+    EXPECT_REFUSED(NetCore_PIPNamed_Write(fifo.c_str(), big.data(), static_cast<int>(big.size())),
                  ERROR_NETCORE_PIPE_NAMED_WRITE_LEN);
 
     // Close with any path closes the first stored FIFO; only the creator's unlinks the path
@@ -391,7 +391,7 @@ TEST_F(LocalTest, MappedRegionIsReachedAtAnyOffsetAndByPointer) {
     struct stat st {};
     EXPECT_TRUE(stat(file.c_str(), &st) == 0 && st.st_size == 0);
     EXPECT_TRUE(NetCore_PIPMMap_Close("region") && NetCore_PIPMMap_Close("region"));
-    EXPECT_FAILS(NetCore_PIPMMap_Read("region", buffer, 1, 0), ERROR_NETCORE_PIPE_MMAP_READ_NOTFOUND);
+    EXPECT_REFUSED(NetCore_PIPMMap_Read("region", buffer, 1, 0), ERROR_NETCORE_PIPE_MMAP_READ_NOTFOUND);
 }
 
 // Where executable memory is refused the region is mapped without it and works alike; a mapping
@@ -440,7 +440,7 @@ TEST_F(LocalTest, SegmentIsAttachedTwiceAndRemoved) {
     ASSERT_NE(-1, id = shmget(key, page, IPC_CREAT | IPC_EXCL | 0600)) << "key in use: " << key;
     bool opened = NetCore_PIPIpc_OPen(key) && !ErrorFlag();
     EXPECT_TRUE(shmctl(id, IPC_RMID, nullptr) == 0 && opened);
-    EXPECT_FAILS(NetCore_PIPIpc_OPen(key), ERROR_NETCORE_PIPE_IPC_OPEN);
+    EXPECT_REFUSED(NetCore_PIPIpc_OPen(key), ERROR_NETCORE_PIPE_IPC_OPEN);
 }
 
 }  // namespace

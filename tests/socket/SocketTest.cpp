@@ -28,13 +28,7 @@ const auto NewSocket = [](bool tcp, int ipver = AF_INET) {
     return NetCore_Socket_Create(&fd, tcp, ipver, tcp), Fd(fd);
 };
 
-// The call's result, then the error flag and code it left (0 when the flag is clear).
-void Expect(bool ok, unsigned long long code, const std::string& what) {
-    EXPECT_TRUE(ok == (code == 0) && nctest::ErrorFlag() == (code != 0) &&
-                (code == 0 || code == NetCore_GetLastError(nullptr)))
-        << what << ": " << ok << " " << NetCore_GetLastError(nullptr);
-}
-#define EXPECT_CODE(call, code) Expect(call, code, #call)
+#define EXPECT_CODE(call, code) nctest::ExpectCode(call, code, #call)
 
 class SocketTest : public nctest::NetCoreTest {};
 

@@ -88,29 +88,30 @@ int LocalPort(int fd) {
     return ntohs(reinterpret_cast<sockaddr_in6*>(&addr)->sin6_port);
 }
 
-Fd ListenTcp(int family, int* port) {
-    Fd fd(socket(family, SOCK_STREAM, 0));
+namespace {
+// A loopback socket of the given type, bound to a free port (port 0) or connected to port.
+Fd Loopback(int family, int type, int port, bool connectTo) {
+    Fd fd(socket(family, type, 0));
     sockaddr_storage addr;
-    socklen_t len = LoopbackAddr(family, 0, &addr);
-    EXPECT_EQ(0, bind(fd.Get(), reinterpret_cast<sockaddr*>(&addr), len));
+    socklen_t len = LoopbackAddr(family, port, &addr);
+    EXPECT_EQ(0, (connectTo ? connect : bind)(fd.Get(), reinterpret_cast<sockaddr*>(&addr), len));
+    return fd;
+}
+}  // namespace
+
+Fd ListenTcp(int family, int* port) {
+    Fd fd = Loopback(family, SOCK_STREAM, 0, false);
     EXPECT_EQ(0, listen(fd.Get(), 128));
     *port = LocalPort(fd.Get());
     return fd;
 }
 
 Fd ConnectTcp(int family, int port) {
-    Fd fd(socket(family, SOCK_STREAM, 0));
-    sockaddr_storage addr;
-    socklen_t len = LoopbackAddr(family, port, &addr);
-    EXPECT_EQ(0, connect(fd.Get(), reinterpret_cast<sockaddr*>(&addr), len));
-    return fd;
+    return Loopback(family, SOCK_STREAM, port, true);
 }
 
 Fd BindUdp(int family, int* port) {
-    Fd fd(socket(family, SOCK_DGRAM, 0));
-    sockaddr_storage addr;
-    socklen_t len = LoopbackAddr(family, 0, &addr);
-    EXPECT_EQ(0, bind(fd.Get(), reinterpret_cast<sockaddr*>(&addr), len));
+    Fd fd = Loopback(family, SOCK_DGRAM, 0, false);
     *port = LocalPort(fd.Get());
     return fd;
 }
@@ -130,6 +131,11 @@ bool ErrorFlag() {
 void ResetErrorState() {
     __atomic_store_n(&NetCore_IsErrorOccur, false, __ATOMIC_RELAXED);
     __atomic_store_n(&NetCore_dwErrorCode, 0ULL, __ATOMIC_RELAXED);
+}
+
+void ExpectCode(bool ok, unsigned long long code, const char* what) {
+    EXPECT_TRUE(ok == (code == 0) && ErrorFlag() == (code != 0) && (code == 0 || code == NetCore_GetLastError(nullptr)))
+        << what << ": " << ok << " " << NetCore_GetLastError(nullptr);
 }
 
 void NetCoreTest::SetUp() {

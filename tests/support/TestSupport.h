@@ -8,6 +8,8 @@
 #include <functional>
 #include <string>
 
+#include "Ombrelt_NetCore.h"
+
 namespace nctest {
 
 using namespace std::chrono_literals;
@@ -55,6 +57,8 @@ void TcpPair(int family, Fd* client, Fd* server);
 // Reads NetCore_IsErrorOccur the way the library writes it (any thread may).
 bool ErrorFlag();
 void ResetErrorState();
+// The call's result, then the error flag and code it left (code 0: a success with the flag clear).
+void ExpectCode(bool ok, unsigned long long code, const char* what);
 
 // Base fixture: fails a test that leaves descriptors or threads behind.
 class NetCoreTest : public ::testing::Test {
@@ -68,3 +72,11 @@ private:
 };
 
 }  // namespace nctest
+
+// The call fails, raises the error flag and leaves its code (a macro, so a failure names the line).
+#define EXPECT_FAILS(call, code)                                                                  \
+    do {                                                                                          \
+        EXPECT_FALSE(call);                                                                       \
+        EXPECT_TRUE(nctest::ErrorFlag());                                                         \
+        EXPECT_EQ(static_cast<unsigned long long>(code), NetCore_GetLastError(nullptr)) << #code; \
+    } while (0)

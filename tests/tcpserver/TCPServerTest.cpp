@@ -97,13 +97,7 @@ std::vector<std::string> List(bool (*getList)(char***, int*)) {
     return result;
 }
 
-// The call's result, then the error flag and code it left (0 when the flag is clear).
-void Expect(bool ok, unsigned long long code, const char* what) {
-    EXPECT_TRUE(ok == (code == 0) && nctest::ErrorFlag() == (code != 0) &&
-                (code == 0 || code == NetCore_GetLastError(nullptr)))
-        << what << ": " << ok << " " << NetCore_GetLastError(nullptr);
-}
-#define EXPECT_CODE(call, code) (nctest::ResetErrorState(), Expect(call, code, #call))
+#define EXPECT_CODE(call, code) (nctest::ResetErrorState(), nctest::ExpectCode(call, code, #call))
 
 class TCPServer : public nctest::NetCoreTest {
 protected:

@@ -13,18 +13,9 @@ namespace {
 
 using namespace netcore::udx;
 using namespace udxpeer;
-using nctest::ErrorFlag;
 
 constexpr const char* kPeer = "10.0.0.7:4000";
 enum : unsigned { kOrder = 1, kReliable = 2, kMtap = 4, kStrict = 8, kHeartBeat = 16 };
-
-// the call fails, raises the flag and leaves its code (a macro, so a failure names the call's line)
-#define EXPECT_FAILS(call, code)                                                       \
-    do {                                                                               \
-        EXPECT_FALSE(call);                                                            \
-        EXPECT_TRUE(ErrorFlag());                                                      \
-        EXPECT_EQ((unsigned long long)(code), NetCore_GetLastError(nullptr)) << #code; \
-    } while (0)
 
 std::string Data(uint16_t wSerial, const std::string& strPayload) {
     return Packet(kData, static_cast<uint32_t>(strPayload.size()), wSerial, strPayload.data(), strPayload.size());

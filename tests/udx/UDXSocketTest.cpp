@@ -16,14 +16,6 @@ using namespace std::chrono_literals;
 using nctest::ErrorFlag;
 using nctest::WaitFor;
 
-// the call fails, raises the flag and leaves its code (a macro, so a failure names the call's line)
-#define EXPECT_FAILS(call, code)                                                       \
-    do {                                                                               \
-        EXPECT_FALSE(call);                                                            \
-        EXPECT_TRUE(ErrorFlag());                                                      \
-        EXPECT_EQ((unsigned long long)(code), NetCore_GetLastError(nullptr)) << #code; \
-    } while (0)
-
 class UDXSocketTest : public nctest::NetCoreTest {
 protected:
     void TearDown() override {
