@@ -8,7 +8,7 @@
 #include <mutex>
 
 #include "DatagramUtil.h"
-#include "frame/Error.h"
+#include "base/Error.h"
 
 using netcore::ClearError;
 using netcore::Fail;

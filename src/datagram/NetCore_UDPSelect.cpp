@@ -12,7 +12,7 @@
 #include <system_error>
 
 #include "DatagramUtil.h"
-#include "frame/Error.h"
+#include "base/Error.h"
 
 using netcore::ClearError;
 using netcore::Fail;

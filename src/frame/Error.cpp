@@ -1,6 +1,6 @@
 #include <cerrno>
 
-#include "Error.h"
+#include "base/Error.h"
 
 extern "C" {
 

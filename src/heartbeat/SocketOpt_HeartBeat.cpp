@@ -4,7 +4,7 @@
 #include <chrono>
 #include <cstring>
 
-#include "frame/Error.h"
+#include "base/Error.h"
 
 using netcore::ClearError;
 using netcore::Fail;

@@ -3,7 +3,7 @@
 #include <new>
 
 #include "SocketOpt_HeartBeat.h"
-#include "frame/Error.h"
+#include "base/Error.h"
 
 using netcore::ClearError;
 using netcore::Fail;

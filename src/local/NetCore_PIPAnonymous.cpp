@@ -4,7 +4,7 @@
 #include <mutex>
 #include <unistd.h>
 
-#include "frame/Error.h"
+#include "base/Error.h"
 
 using netcore::ClearError;
 using netcore::Fail;

@@ -3,8 +3,8 @@
 #include <sys/ipc.h>
 #include <unistd.h>
 
-#include "frame/Error.h"
-#include "frame/Platform.h"
+#include "base/Error.h"
+#include "base/Platform.h"
 
 using netcore::ClearError;
 using netcore::Fail;

@@ -3,7 +3,7 @@
 #include <cstring>
 #include <mutex>
 
-#include "frame/Error.h"
+#include "base/Error.h"
 
 using netcore::ClearError;
 using netcore::Fail;

@@ -10,9 +10,9 @@
 
 #include <utility>
 
-#include "frame/Descriptor.h"
-#include "frame/Error.h"
-#include "frame/Platform.h"
+#include "base/Descriptor.h"
+#include "base/Error.h"
+#include "base/Platform.h"
 #include "socket/NetCore_Socket.h"
 
 using netcore::ClearError;

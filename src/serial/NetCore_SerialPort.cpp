@@ -11,9 +11,9 @@
 #include <system_error>
 #include <utility>
 
-#include "frame/Descriptor.h"
-#include "frame/Error.h"
-#include "frame/Globals.h"
+#include "base/Descriptor.h"
+#include "base/Error.h"
+#include "socket/NetCore_Socket.h"
 
 using netcore::ClearError;
 using netcore::Fail;
@@ -155,7 +155,7 @@ bool CNetCore_SerialPort::NetCore_SerialPort_SendData(const char* lpszDevice, un
         return false;
     }
     int hDevice = stl_Iterator->second->hDevice;
-    if (!m_Socket.NetCore_Socket_IOSelect(hDevice, false, kWaitMillis))
+    if (!CNetCore_Socket().NetCore_Socket_IOSelect(hDevice, false, kWaitMillis))
         return Fail(ERROR_NETCORE_SERIALPORT_SEND_TIMEOUT);
 
     // A negative length is never handed to the kernel as a huge count (it would read past the
@@ -286,7 +286,7 @@ bool CNetCore_SerialPort::NetCore_SerialPort_SetParity(int hDevice, unsigned int
 bool CNetCore_SerialPort::NetCore_SerialPort_ReadAsync(NETCORE_SERIALPORT* pSt_SerialPort, unsigned char* puszMsgBuffer,
                                                        int* pInt_Len) {
     ClearError();
-    if (!m_Socket.NetCore_Socket_IOSelect(pSt_SerialPort->hDevice, true, kWaitMillis))
+    if (!CNetCore_Socket().NetCore_Socket_IOSelect(pSt_SerialPort->hDevice, true, kWaitMillis))
         return Fail(ERROR_NETCORE_SERIALPORT_READ_TIMEOUT);
     // A null buffer or a negative size is never handed to the kernel: such a read fails, and its
     // -1 is handed back as the count like any failed read. A missing length reads nothing.

@@ -10,8 +10,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "frame/Error.h"
-#include "frame/Platform.h"
+#include "base/Error.h"
+#include "base/Platform.h"
 
 using netcore::ClearError;
 using netcore::Fail;

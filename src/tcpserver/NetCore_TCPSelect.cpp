@@ -13,9 +13,9 @@
 #include <system_error>
 
 #include "Ombrelt_BaseLib.h"
-#include "frame/ClientList.h"
-#include "frame/Error.h"
-#include "frame/Platform.h"
+#include "base/ClientList.h"
+#include "base/Error.h"
+#include "base/Platform.h"
 
 using netcore::ClearError;
 using netcore::Fail;

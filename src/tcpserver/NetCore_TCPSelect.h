@@ -17,7 +17,7 @@
 #include <vector>
 
 #include "Ombrelt_NetCore.h"
-#include "frame/Thread.h"
+#include "base/Thread.h"
 #include "socket/NetCore_Socket.h"
 
 class CNetCore_TCPSelect;

@@ -16,8 +16,8 @@
 #include <system_error>
 
 #include "Ombrelt_BaseLib.h"
-#include "frame/ClientList.h"
-#include "frame/Error.h"
+#include "base/ClientList.h"
+#include "base/Error.h"
 
 using netcore::ClearError;
 using netcore::Fail;

@@ -14,8 +14,8 @@
 #include <vector>
 
 #include "Ombrelt_NetCore.h"
-#include "frame/Descriptor.h"
-#include "frame/Thread.h"
+#include "base/Descriptor.h"
+#include "base/Thread.h"
 #include "socket/NetCore_Socket.h"
 
 class CNetCore_TCPXPoll;

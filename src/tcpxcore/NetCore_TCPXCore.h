@@ -18,7 +18,7 @@
 
 #include "Ombrelt_ManagePool.h"
 #include "Ombrelt_NetCore.h"
-#include "frame/FlowCounters.h"
+#include "base/FlowCounters.h"
 #include "socket/NetCore_Socket.h"
 
 class CNetCore_TCPXCore;

@@ -3,8 +3,8 @@
 #include <new>
 #include <thread>
 
-#include "frame/Error.h"
-#include "frame/KeepFailed.h"
+#include "base/Error.h"
+#include "base/KeepFailed.h"
 
 using netcore::ClearError;
 using netcore::Fail;

@@ -13,7 +13,7 @@
 
 #include "Ombrelt_BaseLib.h"
 #include "Ombrelt_ManagePool.h"
-#include "frame/Error.h"
+#include "base/Error.h"
 
 using netcore::ClearError;
 using netcore::Fail;

@@ -13,7 +13,7 @@
 #include <string>
 #include <utility>
 
-#include "../frame/FlowCounters.h"
+#include "../base/FlowCounters.h"
 #include "../socket/NetCore_Socket.h"
 #include "Ombrelt_NetCore.h"
 

@@ -6,7 +6,7 @@
 #include <thread>
 
 #include "Ombrelt_BaseLib.h"
-#include "frame/Error.h"
+#include "base/Error.h"
 
 using netcore::ClearError;
 using netcore::Fail;

@@ -6,7 +6,7 @@
 #include <memory>
 
 #include "Ombrelt_NetCore.h"
-#include "frame/Thread.h"
+#include "base/Thread.h"
 #include "udx/UDXEngine.h"
 
 class NETCORE_API CNetCore_UDXSocket {

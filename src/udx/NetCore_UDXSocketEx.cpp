@@ -2,8 +2,8 @@
 
 #include <new>
 
-#include "frame/Error.h"
-#include "frame/KeepFailed.h"
+#include "base/Error.h"
+#include "base/KeepFailed.h"
 #include "udx/NetCore_UDXSocket.h"
 
 using netcore::ClearError;

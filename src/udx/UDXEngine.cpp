@@ -5,7 +5,7 @@
 #include <new>
 #include <vector>
 
-#include "../frame/Error.h"
+#include "../base/Error.h"
 
 namespace netcore::udx {
 
