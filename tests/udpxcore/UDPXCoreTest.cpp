@@ -59,7 +59,8 @@ protected:
         int nArmed = 1;
         if (self->m_nDestroy.compare_exchange_strong(nArmed, 2)) {
             EXPECT_TRUE(NetCore_UDPXCore_DestroyEx(self->m_server, true));
-            self->m_nDestroy = 3;
+            self->m_nDestroy = 3;  // the fixture may go at once: nothing of it is touched after this
+            return;
         }
         if (self->m_nDestroy >= 2) return;
         EXPECT_TRUE(!self->m_bEcho || nLen <= 0 || NetCore_UDPXCore_SendEx(self->m_server, lpszAddr, lpszData, nLen));
