@@ -59,10 +59,16 @@ TEST_F(Companion, SegAddrSplitsAtTheLastColon) {
 
 std::mutex g_TaskLock;
 
+// Each task records its thread, then stays until all four have: live threads never share an id.
 void* RecordTask(void* lParam) {
-    std::this_thread::sleep_for(20ms);  // keeps the threads alive together, so each has its own
-    std::lock_guard<std::mutex> st_Lock(g_TaskLock);
-    static_cast<std::set<std::thread::id>*>(lParam)->insert(std::this_thread::get_id());
+    auto* pStl_Threads = static_cast<std::set<std::thread::id>*>(lParam);
+    std::unique_lock<std::mutex> st_Lock(g_TaskLock);
+    pStl_Threads->insert(std::this_thread::get_id());
+    st_Lock.unlock();
+    nctest::WaitFor([&] {
+        std::lock_guard<std::mutex> st_Wait(g_TaskLock);
+        return pStl_Threads->size() >= 4;
+    });
     return nullptr;
 }
 
