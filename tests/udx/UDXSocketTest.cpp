@@ -13,7 +13,6 @@
 namespace {
 
 using namespace std::chrono_literals;
-using nctest::ErrorFlag;
 using nctest::WaitFor;
 
 class UDXSocketTest : public nctest::NetCoreTest {
@@ -44,8 +43,11 @@ protected:
     // Starts an ordered reliable endpoint on a free port.
     void Start(bool bHeartBeat, int nWindowSize = 0) {
         tag_NetCore_UDXConfig st_Config{bHeartBeat, true, true, false, false, nWindowSize};
-        nctest::BindUdp(AF_INET, &m_nPort);
-        ASSERT_NE(nullptr, m_hUDX = NetCore_UDXSocket_InitEx(&st_Config, m_nPort, 1));
+        for (int i = 0; i < 10 && m_hUDX == nullptr; i++) {  // another process may take the probed port first
+            nctest::BindUdp(AF_INET, &m_nPort);
+            m_hUDX = NetCore_UDXSocket_InitEx(&st_Config, m_nPort, 1);
+        }
+        ASSERT_NE(nullptr, m_hUDX);
         EXPECT_FAILS(NetCore_UDXSocket_CBSetEx(m_hUDX, OnLogin, nullptr, this, this), ERROR_NETCORE_UDX_CBSET_PARAMENT);
         ASSERT_TRUE(NetCore_UDXSocket_CBSetEx(m_hUDX, OnLogin, OnLeave, this, this));
     }
@@ -63,7 +65,7 @@ TEST_F(UDXSocketTest, WithoutSupervisionACloseIsAcceptedAndNeverCarriedOut) {
     Start(false);
     udxpeer::Peer st_Peer;
     ASSERT_TRUE(st_Peer.Open(m_nPort) && st_Peer.Connect(5s));
-    EXPECT_TRUE(NetCore_UDXSocket_CloseEx(m_hUDX, st_Peer.LocalAddr().c_str()) && !ErrorFlag());
+    EXPECT_TRUE(NetCore_UDXSocket_CloseEx(m_hUDX, st_Peer.LocalAddr().c_str()) && !nctest::ErrorFlag());
     std::string strOut;
     EXPECT_TRUE(Send(st_Peer.LocalAddr(), "still here") && st_Peer.Recv(&strOut, 5s) && Calls().empty());
 }
