@@ -271,7 +271,10 @@ public:
             if (!m_Relay.Start(nPort)) return false;
             nTarget = m_Relay.Port();
         }
-        if (!m_Peer.Open(nTarget) || !m_Peer.Connect(10s)) return false;
+        // the client serves its socket on the calling thread, as ENet's client host does
+        udxpeer::Options st_Options;
+        st_Options.bOwnThread = false;
+        if (!m_Peer.Open(nTarget, st_Options) || !m_Peer.Connect(10s)) return false;
         m_Server.SetPeer(bThroughRelay ? m_Relay.Addr() : m_Peer.LocalAddr());
         return true;
     }

@@ -128,17 +128,18 @@ bool CNetCore_UDPXCore::NetCore_UDPXCore_Create(int nPort, int nThread,
         if (pSt_Events->hEpoll == -1) return Fail(ERROR_NETCORE_UDPXCORE_CREATE_EPOLL);
         pSt_Events->pClass_UDPXCore = this;
 
-        // Every thread's epoll instance holds the same socket. Exclusive wake-up hands each arrival
-        // to one waiting thread instead of waking them all to race for one datagram; a busy thread
-        // still finds the socket ready when it comes back. Kernels without it refuse the flag.
-        pSt_Events->st_Event.events = EPOLLIN | EPOLLET | EPOLLEXCLUSIVE;
-        pSt_Events->st_Event.data.fd = hNewSocket;
-        int nRet = epoll_ctl(pSt_Events->hEpoll, EPOLL_CTL_ADD, hNewSocket, &pSt_Events->st_Event);
-        if (nRet == -1 && errno == EINVAL) {
+        // The socket waits in the first thread's instance only. The socket is drained by one
+        // thread at a time (see NetCore_UDPXCore_Recv), so a socket in every instance only woke an
+        // idle thread for each datagram that arrived during a drain, to find the turn taken and
+        // sleep again: two context switches per datagram under load, and nothing read sooner.
+        // The other threads wait on their wake-up pipes.
+        if (i == 0) {
             pSt_Events->st_Event.events = EPOLLIN | EPOLLET;
-            nRet = epoll_ctl(pSt_Events->hEpoll, EPOLL_CTL_ADD, hNewSocket, &pSt_Events->st_Event);
+            pSt_Events->st_Event.data.fd = hNewSocket;
+            if (epoll_ctl(pSt_Events->hEpoll, EPOLL_CTL_ADD, hNewSocket, &pSt_Events->st_Event) == -1) {
+                return Fail(ERROR_NETCORE_UDPXCORE_CREATE_CTLSOCKET);
+            }
         }
-        if (nRet == -1) return Fail(ERROR_NETCORE_UDPXCORE_CREATE_CTLSOCKET);
         if (pipe(pSt_Events->hPipe) == -1) {
             pSt_Events->hPipe[0] = pSt_Events->hPipe[1] = -1;
             return Fail(ERROR_NETCORE_UDPXCORE_CREATE_PIPE);

@@ -94,42 +94,64 @@ bool UDXEngine::Accept(const char* lpszClientAddr, unsigned int nWindow) {
 
 // Queues one received DATA packet for the application. False with the error set when ordered
 // mode rejects it.
-bool UDXEngine::QueueData(tag_NetCore_UDXClient* pSt_Client, tag_NetCore_UDXData&& st_Data) {
-    if (!m_st_Config.bOrder) {
-        std::lock_guard<std::mutex> st_Lock(pSt_Client->st_LockRecv);
-        pSt_Client->stl_ListRecv.push_back(std::move(st_Data));
-        pSt_Client->wRecvCount.fetch_add(1, std::memory_order_relaxed);
-        return true;
-    }
-    const unsigned short wSerial = st_Data.wSerial;
+bool UDXEngine::QueueData(tag_NetCore_UDXClient* pSt_Client, uint16_t wSerial, const char* lpszPayload, int nLen,
+                          unsigned long long nTick) {
     {
         std::lock_guard<std::mutex> st_Lock(pSt_Client->st_LockRecv);
         auto& stl_List = pSt_Client->stl_ListRecv;
-        const unsigned short wRecvNext = pSt_Client->wRecvNext.load(std::memory_order_relaxed);
-        bool bQueued = false;
-        if (wSerial >= pSt_Client->wRecvCount.load(std::memory_order_relaxed)) {
-            stl_List.push_back(std::move(st_Data));
-            bQueued = true;
+        // the record comes from the spare ones when there is one
+        std::list<tag_NetCore_UDXData> stl_Node;
+        auto& stl_Spare = pSt_Client->stl_ListSpare;
+        if (stl_Spare.empty()) {
+            stl_Node.emplace_back();
         } else {
-            auto stl_It = stl_List.begin();
-            for (; stl_It != stl_List.end(); ++stl_It) {
-                if (stl_It->wSerial == wSerial) return Fail(ERROR_NETCORE_UDX_PARSE_REPEAT);
-                if (wSerial < wRecvNext) return Fail(ERROR_NETCORE_UDX_PARSE_EXPIRED);
+            stl_Node.splice(stl_Node.begin(), stl_Spare, stl_Spare.begin());
+        }
+        tag_NetCore_UDXData& st_Data = stl_Node.front();
+        st_Data.nTimeSend = nTick;
+        st_Data.wSerial = wSerial;
+        st_Data.nMsgLen = nLen;
+        st_Data.tszMsgBuffer.assign(lpszPayload, lpszPayload + nLen);
+
+        auto stl_It = stl_List.end();
+        bool bQueued = true;
+        if (m_st_Config.bOrder && wSerial < pSt_Client->wRecvCount.load(std::memory_order_relaxed)) {
+            const unsigned short wRecvNext = pSt_Client->wRecvNext.load(std::memory_order_relaxed);
+            unsigned long long nRejected = 0;
+            for (stl_It = stl_List.begin(); stl_It != stl_List.end(); ++stl_It) {
+                if (stl_It->wSerial == wSerial) {
+                    nRejected = ERROR_NETCORE_UDX_PARSE_REPEAT;
+                    break;
+                }
+                if (wSerial < wRecvNext) {
+                    nRejected = ERROR_NETCORE_UDX_PARSE_EXPIRED;
+                    break;
+                }
                 if (stl_It->wSerial > wSerial) break;
+            }
+            if (nRejected != 0) {
+                stl_Spare.splice(stl_Spare.begin(), stl_Node);
+                return Fail(nRejected);
             }
             // A serial above everything queued goes to the end. Dropping it instead would lose it
             // for good once duplicates have carried wRecvCount past the sender's serials: every
             // later copy of it would be dropped the same way while nothing higher is queued.
-            if (stl_It != stl_List.end() || wSerial >= wRecvNext) {
-                stl_List.insert(stl_It, std::move(st_Data));
-                bQueued = true;
-            }
+            bQueued = stl_It != stl_List.end() || wSerial >= wRecvNext;
         }
-        if (bQueued) pSt_Client->wRecvCount.fetch_add(1, std::memory_order_relaxed);
+        if (bQueued) {
+            stl_List.splice(stl_It, stl_Node);
+            pSt_Client->nRecvQueued.store(stl_List.size(), std::memory_order_release);
+            pSt_Client->wRecvCount.fetch_add(1, std::memory_order_relaxed);
+        } else {
+            stl_Spare.splice(stl_Spare.begin(), stl_Node);
+        }
     }
+    if (!m_st_Config.bOrder) return true;
     std::lock_guard<std::mutex> st_Lock(pSt_Client->st_LockResend);
     auto& stl_Resend = pSt_Client->stl_ListResend;
-    stl_Resend.remove_if([wSerial](const tag_NetCore_UDXData& st_Req) { return st_Req.wSerial == wSerial; });
+    if (!stl_Resend.empty()) {
+        stl_Resend.remove_if([wSerial](const tag_NetCore_UDXData& st_Req) { return st_Req.wSerial == wSerial; });
+    }
     return true;
 }
 
@@ -225,15 +247,11 @@ bool UDXEngine::Parse(const char* lpszClientAddr, const char* lpszMsgBuffer, int
                         st_Packet.unPayloadLen > static_cast<uint32_t>(UDX_BUFFER_SIZE)) {
                         break;
                     }
-                    tag_NetCore_UDXData st_Data;
-                    st_Data.nTimeSend = nTick;
-                    st_Data.wSerial = st_Packet.wHdrSerial;
-                    st_Data.nMsgLen = static_cast<int>(st_Packet.unPayloadLen);
+                    const int nPayload = static_cast<int>(st_Packet.unPayloadLen);
                     const char* lpszPayload = lpszMsgBuffer + nOffset + UDX_HEADER_SIZE;
-                    st_Data.tszMsgBuffer.assign(lpszPayload, lpszPayload + st_Data.nMsgLen);
-                    nOffset += UDX_HEADER_SIZE + st_Data.nMsgLen;
+                    nOffset += UDX_HEADER_SIZE + nPayload;
                     // packets of the datagram queued before a failure stay queued
-                    if (!QueueData(pSt_Client, std::move(st_Data))) return false;
+                    if (!QueueData(pSt_Client, st_Packet.wHdrSerial, lpszPayload, nPayload, nTick)) return false;
                 }
                 break;
             }
@@ -254,8 +272,13 @@ bool UDXEngine::Send(const char* lpszClientAddr, const char* lpszMsgBuffer, int 
     // a null address names no session
     if (lpszClientAddr == nullptr) return Fail(ERROR_NETCORE_UDX_SEND_NOTFOUND);
 
-    // the packets to hand to the UDP server once the table lock is released
-    std::vector<std::vector<char>> stl_Batch;
+    // The packets to hand to the UDP server once the table lock is released, end to end: a
+    // message of one piece (the usual case) needs no allocation for them.
+    char tszSingle[UDX_PIECE_SIZE + UDX_HEADER_SIZE];
+    std::vector<char> stl_Pieces;
+    char* ptszBatch = tszSingle;
+    size_t nBatchLen = 0;
+    bool bMerge = false;
     std::string strAddr(lpszClientAddr);
     {
         std::shared_lock<std::shared_mutex> st_Lock(st_Locker);
@@ -272,12 +295,18 @@ bool UDXEngine::Send(const char* lpszClientAddr, const char* lpszMsgBuffer, int 
         // with no window to stop it a negative length would be cut into pieces past the buffer
         if (nMsgLen < 0) return Fail(ERROR_NETCORE_UDX_SEND_PARAMENT);
 
-        const bool bMerge = m_st_Config.bMtap && nMsgLen < UDX_MTAP_LIMIT;
-        if (!bMerge) stl_Batch.reserve(static_cast<size_t>(nMsgLen / UDX_PIECE_SIZE + 1));
+        bMerge = m_st_Config.bMtap && nMsgLen < UDX_MTAP_LIMIT;
+        if (!bMerge && nMsgLen > UDX_PIECE_SIZE) {
+            const size_t nPieces = static_cast<size_t>(nMsgLen / UDX_PIECE_SIZE + 1);
+            stl_Pieces.resize(static_cast<size_t>(nMsgLen) + nPieces * UDX_HEADER_SIZE);
+            ptszBatch = stl_Pieces.data();
+        }
         int nOffset = 0;
         do {
             const int nPiece = std::min(nMsgLen - nOffset, UDX_PIECE_SIZE);
-            tag_NetCore_UDXData st_Data;
+            // built in a list of its own, so that keeping it is a splice into the session's list
+            std::list<tag_NetCore_UDXData> stl_Node(1);
+            tag_NetCore_UDXData& st_Data = stl_Node.front();
             st_Data.nMsgLen = nPiece + UDX_HEADER_SIZE;
             st_Data.nTimeSend = nTick;
             uint16_t wSerial = pSt_Client->wSendSerial.load(std::memory_order_relaxed);
@@ -291,13 +320,14 @@ bool UDXEngine::Send(const char* lpszClientAddr, const char* lpszMsgBuffer, int 
             if (bMerge) {
                 // a packet waiting to be merged is not kept for resending
                 std::lock_guard<std::mutex> st_LockMtap(pSt_Client->st_LockMtap);
-                pSt_Client->stl_ListMtap.push_back(std::move(st_Data));
+                pSt_Client->stl_ListMtap.splice(pSt_Client->stl_ListMtap.end(), stl_Node);
             } else {
+                memcpy(ptszBatch + nBatchLen, st_Data.tszMsgBuffer.data(), static_cast<size_t>(nPacketLen));
+                nBatchLen += static_cast<size_t>(nPacketLen);
                 if (m_st_Config.bReliable) {
                     std::lock_guard<std::mutex> st_LockSent(pSt_Client->st_LockSent);
-                    pSt_Client->stl_ListSent.push_back(st_Data);
+                    pSt_Client->stl_ListSent.splice(pSt_Client->stl_ListSent.end(), stl_Node);
                 }
-                stl_Batch.push_back(std::move(st_Data.tszMsgBuffer));
             }
             pSt_Client->nWindowPeer.fetch_sub(static_cast<unsigned int>(nPacketLen), std::memory_order_relaxed);
             m_nSendBytes.fetch_add(static_cast<unsigned long long>(nPacketLen), std::memory_order_relaxed);
@@ -305,8 +335,13 @@ bool UDXEngine::Send(const char* lpszClientAddr, const char* lpszMsgBuffer, int 
             nOffset += nPiece;
         } while (nOffset < nMsgLen);
     }
-    for (const std::vector<char>& stl_Packet : stl_Batch) {
-        SendRaw(strAddr.c_str(), stl_Packet.data(), static_cast<int>(stl_Packet.size()));
+    // every piece but the last is a full one
+    for (int nOffset = 0; !bMerge;) {
+        const int nPiece = std::min(nMsgLen - nOffset, UDX_PIECE_SIZE);
+        SendRaw(strAddr.c_str(), ptszBatch, nPiece + UDX_HEADER_SIZE);
+        ptszBatch += nPiece + UDX_HEADER_SIZE;
+        nOffset += nPiece;
+        if (nOffset >= nMsgLen) break;
     }
     // failures of the UDP layer's send are not reported
     ClearError();
@@ -322,6 +357,7 @@ bool UDXEngine::Recv(const char* lpszClientAddr, char* ptszMsgBuffer, int* pInt_
     auto stl_MapIt = stl_MapClient.find(lpszClientAddr);
     if (stl_MapIt == stl_MapClient.end()) return Fail(ERROR_NETCORE_UDX_RECV_NOTFOUND);
     tag_NetCore_UDXClient* pSt_Client = stl_MapIt->second;
+    if (pSt_Client->nRecvQueued.load(std::memory_order_acquire) == 0) return Fail(ERROR_NETCORE_UDX_RECV_EMPTY);
 
     bool bTaken = false;
     bool bGap = false;
@@ -351,7 +387,14 @@ bool UDXEngine::Recv(const char* lpszClientAddr, char* ptszMsgBuffer, int* pInt_
             *pInt_MsgLen = stl_It->nMsgLen;
             pSt_Client->nWindowSelf.fetch_add(static_cast<unsigned int>(stl_It->nMsgLen + UDX_HEADER_SIZE),
                                               std::memory_order_relaxed);
-            stl_List.erase(stl_It);
+            // a few fetched records are kept for the next arrivals; the rest are freed
+            constexpr size_t kSpareRecords = 16;
+            if (pSt_Client->stl_ListSpare.size() < kSpareRecords) {
+                pSt_Client->stl_ListSpare.splice(pSt_Client->stl_ListSpare.begin(), stl_List, stl_It);
+            } else {
+                stl_List.erase(stl_It);
+            }
+            pSt_Client->nRecvQueued.store(stl_List.size(), std::memory_order_release);
             bTaken = true;
         }
     }

@@ -3,7 +3,7 @@
 // are acknowledged, answers RESEND_REQUEST (with the packet, or RESEND_GONE when it no longer has
 // it), acknowledges what it received, asks for missing serials, and delivers the payloads in
 // serial order. Serials are compared wrap-safe. Header-only, for the tests, the demo and the
-// benchmark: one UDP socket and one thread per peer.
+// benchmark: one UDP socket per peer, and a thread of its own unless the caller's thread serves it.
 #pragma once
 
 #include <arpa/inet.h>
@@ -106,6 +106,9 @@ struct Options {
     int nRequestIntervalMs = 200;  // a missing serial is asked for again this often
     int nResendTimeoutMs = 4000;   // unacknowledged DATA waiting this long goes out again
     bool bAutomatic = true;        // false: nothing is sent unasked (a silent peer)
+    // false: the peer has no thread of its own; Connect and Recv serve the socket on the caller's
+    // thread, as a single-threaded application would (the benchmark's client)
+    bool bOwnThread = true;
 };
 
 // One control packet the peer received.
@@ -143,7 +146,7 @@ public:
         if (connect(m_hSocket, reinterpret_cast<sockaddr*>(&st_Addr), sizeof(st_Addr)) != 0) return false;
         fcntl(m_hSocket, F_SETFL, fcntl(m_hSocket, F_GETFL) | O_NONBLOCK);
         m_bRun = true;
-        m_Thread = std::thread([this] { Run(); });
+        if (m_st_Options.bOwnThread) m_Thread = std::thread([this] { Run(); });
         return true;
     }
 
@@ -163,7 +166,7 @@ public:
         std::unique_lock<std::mutex> st_Lock(m_Mutex);
         m_bConnecting = true;
         m_tLastConnect = Clock::time_point();
-        bool bAnswered = m_Cond.wait_for(st_Lock, timeout, [this] { return m_bConnected || m_bRefused; });
+        bool bAnswered = Wait(st_Lock, timeout, [this] { return m_bConnected || m_bRefused; });
         m_bConnecting = false;
         return bAnswered && m_bConnected;
     }
@@ -195,7 +198,7 @@ public:
     // The next payload in serial order.
     bool Recv(std::string* pStr_Data, std::chrono::milliseconds timeout) {
         std::unique_lock<std::mutex> st_Lock(m_Mutex);
-        if (!m_Cond.wait_for(st_Lock, timeout, [this] { return !m_Delivered.empty(); })) return false;
+        if (!Wait(st_Lock, timeout, [this] { return !m_Delivered.empty(); })) return false;
         *pStr_Data = std::move(m_Delivered.front());
         m_Delivered.pop_front();
         return true;
@@ -263,17 +266,58 @@ private:
         return tNow - tThen >= std::chrono::milliseconds(nMs);
     }
 
+    // Until the condition holds or the time is up: on the peer's thread a wait on the condition
+    // variable, without one the caller's thread serves the socket itself.
+    template <typename Pred>
+    bool Wait(std::unique_lock<std::mutex>& st_Lock, std::chrono::milliseconds timeout, Pred fnReady) {
+        if (m_st_Options.bOwnThread) return m_Cond.wait_for(st_Lock, timeout, fnReady);
+        const Clock::time_point tEnd = Clock::now() + timeout;
+        for (;;) {
+            // the timers run on every call, so that ACKs go out while payloads keep coming
+            const Clock::time_point tNow = Clock::now();
+            Timers(tNow);
+            if (fnReady()) return true;
+            if (tNow >= tEnd) return false;
+            st_Lock.unlock();
+            // what is already queued is read at once; only an empty socket is waited on
+            if (!Drain()) {
+                auto nMs = std::chrono::duration_cast<std::chrono::milliseconds>(tEnd - tNow).count();
+                pollfd st_Poll{m_hSocket, POLLIN, 0};
+                poll(&st_Poll, 1, static_cast<int>(std::min<long long>(std::max<long long>(nMs, 1), 2)));
+                Drain();
+            }
+            st_Lock.lock();
+        }
+    }
+
+    // Reads and handles every datagram queued on the socket; false when there was none.
+    bool Drain() {
+        constexpr int kBatch = 32;
+        bool bAny = false;
+        for (;;) {
+            mmsghdr st_Msgs[kBatch];
+            iovec st_Iovs[kBatch];
+            for (int i = 0; i < kBatch; ++i) {
+                st_Iovs[i] = {m_Buffers[i], sizeof(m_Buffers[i])};
+                st_Msgs[i] = {};
+                st_Msgs[i].msg_hdr.msg_iov = &st_Iovs[i];
+                st_Msgs[i].msg_hdr.msg_iovlen = 1;
+            }
+            int nCount = recvmmsg(m_hSocket, st_Msgs, kBatch, MSG_DONTWAIT, nullptr);
+            if (nCount <= 0) return bAny;
+            bAny = true;
+            std::lock_guard<std::mutex> st_Lock(m_Mutex);
+            for (int i = 0; i < nCount; ++i)
+                HandleDatagram(m_Buffers[i], st_Msgs[i].msg_len);
+            if (nCount < kBatch) return true;
+        }
+    }
+
     void Run() {
-        std::vector<uint8_t> stl_Buffer(65536);
         while (m_bRun) {
             pollfd st_Poll{m_hSocket, POLLIN, 0};
             poll(&st_Poll, 1, 2);
-            for (;;) {
-                ssize_t n = recv(m_hSocket, stl_Buffer.data(), stl_Buffer.size(), 0);
-                if (n < 0) break;
-                std::lock_guard<std::mutex> st_Lock(m_Mutex);
-                HandleDatagram(stl_Buffer.data(), static_cast<size_t>(n));
-            }
+            Drain();
             std::lock_guard<std::mutex> st_Lock(m_Mutex);
             Timers(Clock::now());
         }
@@ -408,6 +452,7 @@ private:
     int m_nLocalPort = 0;
     std::atomic<bool> m_bRun{false};
     std::thread m_Thread;
+    uint8_t m_Buffers[32][2048];  // one batch of datagrams, read by one thread at a time
 
     std::mutex m_SendMutex;  // before m_Mutex
     mutable std::mutex m_Mutex;
