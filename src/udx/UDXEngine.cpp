@@ -273,7 +273,8 @@ bool UDXEngine::Send(const char* lpszClientAddr, const char* lpszMsgBuffer, int 
     if (lpszClientAddr == nullptr) return Fail(ERROR_NETCORE_UDX_SEND_NOTFOUND);
 
     // The packets to hand to the UDP server once the table lock is released, end to end: a
-    // message of one piece (the usual case) needs no allocation for them.
+    // message of one piece (the usual case) needs no allocation for them. A merged packet is
+    // built here too, and only its record is queued.
     char tszSingle[UDX_PIECE_SIZE + UDX_HEADER_SIZE];
     std::vector<char> stl_Pieces;
     char* ptszBatch = tszSingle;
@@ -304,31 +305,33 @@ bool UDXEngine::Send(const char* lpszClientAddr, const char* lpszMsgBuffer, int 
         int nOffset = 0;
         do {
             const int nPiece = std::min(nMsgLen - nOffset, UDX_PIECE_SIZE);
-            // built in a list of its own, so that keeping it is a splice into the session's list
-            std::list<tag_NetCore_UDXData> stl_Node(1);
-            tag_NetCore_UDXData& st_Data = stl_Node.front();
-            st_Data.nMsgLen = nPiece + UDX_HEADER_SIZE;
-            st_Data.nTimeSend = nTick;
+            const int nPacketLen = nPiece + UDX_HEADER_SIZE;
+            // the packet is built where it goes on the wire; a record is made only to keep it
+            char* ptszPacket = ptszBatch + nBatchLen;
             uint16_t wSerial = pSt_Client->wSendSerial.load(std::memory_order_relaxed);
-            st_Data.wSerial = wSerial;
-            st_Data.tszMsgBuffer.resize(static_cast<size_t>(st_Data.nMsgLen));
-            UDX_BuildHeader(static_cast<uint32_t>(nPiece), st_Data.tszMsgBuffer.data(), &wSerial, UDX_PACKET_DATA);
+            const uint16_t wPacketSerial = wSerial;
+            UDX_BuildHeader(static_cast<uint32_t>(nPiece), ptszPacket, &wSerial, UDX_PACKET_DATA);
             pSt_Client->wSendSerial.store(wSerial, std::memory_order_relaxed);
-            if (nPiece > 0) memcpy(st_Data.tszMsgBuffer.data() + UDX_HEADER_SIZE, lpszMsgBuffer + nOffset, nPiece);
-            const int nPacketLen = st_Data.nMsgLen;
+            if (nPiece > 0) memcpy(ptszPacket + UDX_HEADER_SIZE, lpszMsgBuffer + nOffset, nPiece);
 
-            if (bMerge) {
-                // a packet waiting to be merged is not kept for resending
-                std::lock_guard<std::mutex> st_LockMtap(pSt_Client->st_LockMtap);
-                pSt_Client->stl_ListMtap.splice(pSt_Client->stl_ListMtap.end(), stl_Node);
-            } else {
-                memcpy(ptszBatch + nBatchLen, st_Data.tszMsgBuffer.data(), static_cast<size_t>(nPacketLen));
-                nBatchLen += static_cast<size_t>(nPacketLen);
-                if (m_st_Config.bReliable) {
+            if (bMerge || m_st_Config.bReliable) {
+                // made in a list of its own, so that keeping it is a splice into the session's list
+                std::list<tag_NetCore_UDXData> stl_Node(1);
+                tag_NetCore_UDXData& st_Data = stl_Node.front();
+                st_Data.nMsgLen = nPacketLen;
+                st_Data.nTimeSend = nTick;
+                st_Data.wSerial = wPacketSerial;
+                st_Data.tszMsgBuffer.assign(ptszPacket, ptszPacket + nPacketLen);
+                if (bMerge) {
+                    // a packet waiting to be merged is not kept for resending
+                    std::lock_guard<std::mutex> st_LockMtap(pSt_Client->st_LockMtap);
+                    pSt_Client->stl_ListMtap.splice(pSt_Client->stl_ListMtap.end(), stl_Node);
+                } else {
                     std::lock_guard<std::mutex> st_LockSent(pSt_Client->st_LockSent);
                     pSt_Client->stl_ListSent.splice(pSt_Client->stl_ListSent.end(), stl_Node);
                 }
             }
+            nBatchLen += static_cast<size_t>(nPacketLen);
             pSt_Client->nWindowPeer.fetch_sub(static_cast<unsigned int>(nPacketLen), std::memory_order_relaxed);
             m_nSendBytes.fetch_add(static_cast<unsigned long long>(nPacketLen), std::memory_order_relaxed);
             m_nSendPackets.fetch_add(1, std::memory_order_relaxed);
@@ -336,12 +339,10 @@ bool UDXEngine::Send(const char* lpszClientAddr, const char* lpszMsgBuffer, int 
         } while (nOffset < nMsgLen);
     }
     // every piece but the last is a full one
-    for (int nOffset = 0; !bMerge;) {
-        const int nPiece = std::min(nMsgLen - nOffset, UDX_PIECE_SIZE);
-        SendRaw(strAddr.c_str(), ptszBatch, nPiece + UDX_HEADER_SIZE);
-        ptszBatch += nPiece + UDX_HEADER_SIZE;
-        nOffset += nPiece;
-        if (nOffset >= nMsgLen) break;
+    for (size_t nAt = 0; !bMerge && nAt < nBatchLen;) {
+        const int nPacketLen = static_cast<int>(std::min<size_t>(nBatchLen - nAt, UDX_PIECE_SIZE + UDX_HEADER_SIZE));
+        SendRaw(strAddr.c_str(), ptszBatch + nAt, nPacketLen);
+        nAt += static_cast<size_t>(nPacketLen);
     }
     // failures of the UDP layer's send are not reported
     ClearError();

@@ -42,13 +42,13 @@ struct tag_NetCore_UDXClient {
     std::list<tag_NetCore_UDXData> stl_ListSend;    // resends and RESEND_GONE for the next pass
     std::list<tag_NetCore_UDXData> stl_ListResend;  // outstanding RESEND_REQUESTs
     std::list<tag_NetCore_UDXData> stl_ListRecv;    // payloads waiting for the application
-    // Under st_LockRecv as well: records the application has fetched, kept with their buffers for
+    std::list<tag_NetCore_UDXData> stl_ListMtap;    // small DATA waiting to be merged
+    // Under st_LockRecv: records the application has fetched, kept with their buffers for
     // the next arrivals, so that the receive threads and the application do not allocate and free
     // every payload across threads; and the length of stl_ListRecv, which a fetch reads first so
     // that polling an empty queue takes no lock the receive threads need.
     std::list<tag_NetCore_UDXData> stl_ListSpare;
     std::atomic<size_t> nRecvQueued{0};
-    std::list<tag_NetCore_UDXData> stl_ListMtap;  // small DATA waiting to be merged
 };
 
 // What a test may look at in a session.
