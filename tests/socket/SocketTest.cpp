@@ -75,8 +75,10 @@ TEST_F(SocketTest, SendContinuesAfterPartialWritesAndFailsWithItsCodes) {
     EXPECT_TRUE(received == message) << received.size() << " bytes received, " << message.size() << " sent";
     EXPECT_CODE(NetCore_Socket_Send(c, "x", 0, nullptr, 0, 1, AF_INET), ERROR_NETCORE_SOCKET_SEND_PARAMENT);
     EXPECT_CODE(NetCore_Socket_Send(c, "x", -5, nullptr, 0, 1, AF_INET), ERROR_NETCORE_SOCKET_SEND_PARAMENT);
-    // both buffers full: the send fails once more than the time-out's whole seconds have passed
-    while (NetCore_Socket_IOSelect(c, false, 50))
+    // Both buffers full: the send fails once more than the time-out's whole seconds have passed.
+    // Full means no room for 200 ms: on a loaded machine data still in flight may free the
+    // sender's buffer some tens of milliseconds after its last write.
+    while (NetCore_Socket_IOSelect(c, false, 200))
         send(c, buf, sizeof(buf), 0);
     auto start = Clock::now();
     EXPECT_CODE(NetCore_Socket_Send(c, buf, sizeof(buf), nullptr, 0, 1, AF_INET), ERROR_NETCORE_SOCKET_SEND_TIMEOUT);
