@@ -195,12 +195,13 @@ TEST_F(HeartBeat, ExpelledPeersAreReportedWithTheirCodeAndPollingFindsTimedOutOn
 }
 
 // A callback may destroy its own supervisor; the pass ends there (the fixture sees the thread go).
+// A one-second interval lets both peers in before the first pass that can find them timed out.
 TEST_F(HeartBeat, DestoryFromTheCallbackIsSafe) {
     static void* xhNet;
     static std::atomic<int> calls;
     calls = 0;
     auto fpLeave = [](const char*, int, int, void*) { calls += SocketOpt_HeartBeat_DestoryEx(xhNet); };
-    xhNet = SocketOpt_HeartBeat_InitEx(0, 0, fpLeave, nullptr, true);
+    xhNet = SocketOpt_HeartBeat_InitEx(1, 0, fpLeave, nullptr, true);
     ASSERT_TRUE(SocketOpt_HeartBeat_InsertAddrEx(xhNet, "a") && SocketOpt_HeartBeat_InsertAddrEx(xhNet, "b"));
     ASSERT_TRUE(nctest::WaitFor([&] { return calls.load() >= 1; }));
     EXPECT_EQ(1, calls.load());
