@@ -14,12 +14,16 @@
 
 namespace netcore::tcpx {
 
-constexpr uint32_t kEventsRecv = EPOLLIN | EPOLLET;
-constexpr uint32_t kEventsRecvSend = EPOLLIN | EPOLLOUT | EPOLLET;
+// EPOLLRDHUP lets a read that comes back short stand for a drained socket: the event then says
+// whether the peer's end of stream is already queued behind the data.
+constexpr uint32_t kEventsRecv = EPOLLIN | EPOLLRDHUP | EPOLLET;
+constexpr uint32_t kEventsRecvSend = EPOLLIN | EPOLLOUT | EPOLLRDHUP | EPOLLET;
 // A client that keeps its socket full would otherwise hold its event thread forever: after this
 // many reads in one event the registration is re-armed, which queues a fresh event behind the
 // other clients' ones while data is still waiting, so the drain to EAGAIN goes on from there.
 constexpr int kMaxReadsPerEvent = 64;
+// Full reads taken from the socket in one call (a loopback segment holds up to 64 KiB).
+constexpr int kReadSlices = 8;
 
 // The server whose event loop runs on this thread, if any.
 inline thread_local const CNetCore_TCPXCore* t_pEventServer = nullptr;

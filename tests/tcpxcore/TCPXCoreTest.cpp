@@ -1,6 +1,7 @@
 // The TCP epoll server through its exported handle functions, with real loopback clients: one
 // started server per case, recording every callback.
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -216,13 +217,14 @@ TEST_F(TCPXCoreTest, RefusedDisabledPausedAndClosedClientsAndADestroyFromACallba
         if (strMsg == "bye" && NetCore_TCPXCore_CloseForClientEx(m_xhNet, lpszAddr))
             nSendCode = NetCore_TCPXCore_SendEx(m_xhNet, lpszAddr, "x", 1, 1, -1) ? 1 : NetCore_GetLastError(nullptr);
     };
-    Fd refused, disabled, paused, closed;
+    Fd refused, disabled, paused, closed, ended;
     m_bLogin = false;
     Connect(&refused);
     SendAll(refused.Get(), "early data");
     EXPECT_EQ("closed", Read(refused.Get()));
     m_bLogin = true;
     std::string strOff = Connect(&disabled), strPaused = Connect(&paused), strClosed = Connect(&closed);
+    std::string strEnded = Connect(&ended);
     ASSERT_TRUE(NetCore_TCPXCore_SetStatusEx(m_xhNet, strOff.c_str(), true));
     ExpectFail(NetCore_TCPXCore_SendEx(m_xhNet, strOff.c_str(), "x", 1, 1, -1), ERROR_NETCORE_TCPXCORE_SEND_STATUS);
     ASSERT_TRUE(SendAll(disabled.Get(), "data") && Read(disabled.Get()) == "closed");
@@ -237,13 +239,21 @@ TEST_F(TCPXCoreTest, RefusedDisabledPausedAndClosedClientsAndADestroyFromACallba
     EXPECT_EQ("", Received(strPaused));
     ASSERT_TRUE(NetCore_TCPXCore_PasueRecvEx(m_xhNet, strPaused.c_str(), true));
     ASSERT_TRUE(WaitFor([&] { return Received(strPaused) == "held|"; }));
+    // data and the end of the stream waiting together: the data, then the leave
+    ASSERT_TRUE(NetCore_TCPXCore_PasueRecvEx(m_xhNet, strEnded.c_str(), false));
+    ASSERT_TRUE(SendAll(ended.Get(), "last") && shutdown(ended.Get(), SHUT_WR) == 0);
+    pollfd st_Ended{Events('i', strEnded)[0].hSocket, POLLRDHUP, 0};
+    ASSERT_TRUE(WaitFor([&] { return poll(&st_Ended, 1, 0) == 1; }));
+    ASSERT_TRUE(NetCore_TCPXCore_PasueRecvEx(m_xhNet, strEnded.c_str(), true));
+    ASSERT_TRUE(WaitFor([&] { return Events('o').size() == 1; }));
+    EXPECT_EQ("last|", Received(strEnded));
 
     ASSERT_TRUE(SendAll(closed.Get(), "bye") && Read(closed.Get()) == "closed");
     ASSERT_TRUE(WaitFor([&] { return nSendCode.load() != 0; }));
     EXPECT_EQ(ERROR_NETCORE_TCPXCORE_NOTFOUND, nSendCode.load());
     EXPECT_EQ(std::vector<std::string>{strPaused}, List(m_xhNet));
     ExpectFail(NetCore_TCPXCore_CloseForClientEx(m_xhNet, strClosed.c_str()), ERROR_NETCORE_TCPXCORE_NOTFOUND);
-    EXPECT_EQ(0u, Events('o').size());  // neither closing by the server calls the leave callback
+    EXPECT_EQ(1u, Events('o').size());  // neither closing by the server calls the leave callback
     ASSERT_TRUE(SendAll(paused.Get(), "stop") && WaitFor([&] { return bDestroyed.load(); }));
     m_xhNet = nullptr;  // gone; the fixture checks that its threads and descriptors are too
     EXPECT_EQ("closed", Read(paused.Get()));
