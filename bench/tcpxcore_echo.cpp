@@ -2,8 +2,8 @@
 // generator in the same run:
 //   - a minimal echo server written directly on epoll (one SO_REUSEPORT listener, epoll instance
 //     and thread per server thread, edge-triggered clients drained to EAGAIN): the reference,
-//   - a libuv echo server when libuv was found at configure time (one loop on one thread: libuv
-//     1.44 has no SO_REUSEPORT option to spread a listener over several loops),
+//   - a libuv echo server when libuv was found at configure time (one loop, SO_REUSEPORT listener
+//     and thread per server thread, the listener opened by hand as libuv has no option for it),
 //   - an Asio echo server when the standalone Asio headers were found (one io_context, acceptor
 //     and thread per server thread, SO_REUSEPORT listeners, like the minimal server).
 //
@@ -239,73 +239,107 @@ private:
 };
 
 #ifdef NETCORE_BENCH_HAVE_LIBUV
-// libuv's own echo: one loop on its own thread, every read written straight back. uv_try_write
-// sends what the socket takes at once; only a remainder is copied into a queued uv_write.
-// Stop wakes the loop with a uv_async that closes every handle, so uv_run returns by itself.
+// libuv's own echo: one loop per server thread, each with its own SO_REUSEPORT listener like the
+// minimal server (libuv has no option for it, so the socket is made here and handed over with
+// uv_tcp_open), every read written straight back. uv_try_write sends what the socket takes at
+// once; only a remainder is copied into a queued uv_write. Stop wakes each loop with a uv_async
+// that closes every handle, so uv_run returns by itself.
 class LibuvEcho : public EchoServer {
 public:
     const char* Name() const override { return "libuv"; }
     const char* Key() const override { return "libuv"; }
-    bool Start(int nPort, int) override {
-        if (uv_loop_init(&m_st_Loop) != 0) return false;
-        m_st_Loop.data = this;
-        uv_tcp_init(&m_st_Loop, &m_st_Listen);
-        uv_async_init(&m_st_Loop, &m_st_Wake, OnWake);
-        sockaddr_in st_Addr{};
-        uv_ip4_addr("0.0.0.0", nPort, &st_Addr);
-        if (uv_tcp_bind(&m_st_Listen, reinterpret_cast<const sockaddr*>(&st_Addr), 0) != 0 ||
-            uv_listen(reinterpret_cast<uv_stream_t*>(&m_st_Listen), 128, OnConnection) != 0) {
-            // nothing runs yet: close the two handles here and let the loop finish them
-            uv_walk(&m_st_Loop, CloseHandle, nullptr);
-            uv_run(&m_st_Loop, UV_RUN_DEFAULT);
-            uv_loop_close(&m_st_Loop);
-            return false;
+    bool Start(int nPort, int nThreads) override {
+        for (int i = 0; i < nThreads; i++) {
+            m_stl_Loops.push_back(std::make_unique<Loop>());
+            Loop& st_Loop = *m_stl_Loops.back();
+            st_Loop.pSt_Owner = this;
+            if (uv_loop_init(&st_Loop.st_Loop) != 0) {
+                m_stl_Loops.pop_back();
+                Stop();
+                return false;
+            }
+            st_Loop.st_Loop.data = &st_Loop;
+            uv_tcp_init(&st_Loop.st_Loop, &st_Loop.st_Listen);
+            uv_async_init(&st_Loop.st_Loop, &st_Loop.st_Wake, OnWake);
+            int hListen = ListenSocket(nPort);
+            const bool bOpened = hListen >= 0 && uv_tcp_open(&st_Loop.st_Listen, hListen) == 0;
+            if (!bOpened && hListen >= 0) close(hListen);  // once opened, closing the handle closes it
+            if (!bOpened || uv_listen(reinterpret_cast<uv_stream_t*>(&st_Loop.st_Listen), 128, OnConnection) != 0) {
+                // nothing runs on this loop yet: close its handles here and let it finish them
+                uv_walk(&st_Loop.st_Loop, CloseHandle, nullptr);
+                uv_run(&st_Loop.st_Loop, UV_RUN_DEFAULT);
+                uv_loop_close(&st_Loop.st_Loop);
+                m_stl_Loops.pop_back();
+                Stop();
+                return false;
+            }
+            st_Loop.st_Thread = std::thread([&st_Loop] { uv_run(&st_Loop.st_Loop, UV_RUN_DEFAULT); });
         }
-        m_st_Thread = std::thread([this] { uv_run(&m_st_Loop, UV_RUN_DEFAULT); });
         return true;
     }
     void Stop() override {
-        if (!m_st_Thread.joinable()) return;
-        uv_async_send(&m_st_Wake);
-        m_st_Thread.join();
-        if (uv_loop_close(&m_st_Loop) != 0) fprintf(stderr, "libuv: loop closed with handles left open\n");
+        for (auto& pSt_Loop : m_stl_Loops) {
+            uv_async_send(&pSt_Loop->st_Wake);
+            pSt_Loop->st_Thread.join();
+            if (uv_loop_close(&pSt_Loop->st_Loop) != 0) fprintf(stderr, "libuv: loop closed with handles left open\n");
+        }
+        m_stl_Loops.clear();
         m_nClients = 0;
     }
     int Clients() override { return m_nClients.load(); }
 
 private:
+    struct Loop {
+        LibuvEcho* pSt_Owner = nullptr;
+        uv_loop_t st_Loop{};
+        uv_tcp_t st_Listen{};
+        uv_async_t st_Wake{};
+        std::thread st_Thread;
+        char tszBuffer[65536];  // each read is consumed before the loop's next allocation
+    };
     struct PendingWrite {
         uv_write_t st_Request;
         char tszData[1];  // the remainder, allocated past the end of the struct
     };
 
-    static LibuvEcho* Self(uv_handle_t* pSt_Handle) { return static_cast<LibuvEcho*>(pSt_Handle->loop->data); }
+    static int ListenSocket(int nPort) {
+        int hListen = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0);
+        int nOne = 1;
+        setsockopt(hListen, SOL_SOCKET, SO_REUSEADDR, &nOne, sizeof(nOne));
+        setsockopt(hListen, SOL_SOCKET, SO_REUSEPORT, &nOne, sizeof(nOne));
+        sockaddr_in st_Addr{};
+        st_Addr.sin_family = AF_INET;
+        st_Addr.sin_port = htons(static_cast<uint16_t>(nPort));
+        if (hListen >= 0 && bind(hListen, reinterpret_cast<sockaddr*>(&st_Addr), sizeof(st_Addr)) == 0) return hListen;
+        if (hListen >= 0) close(hListen);
+        return -1;
+    }
+    static Loop* Self(uv_handle_t* pSt_Handle) { return static_cast<Loop*>(pSt_Handle->loop->data); }
 
     static void OnWake(uv_async_t* pSt_Async) { uv_walk(pSt_Async->loop, CloseHandle, nullptr); }
     static void CloseHandle(uv_handle_t* pSt_Handle, void*) {
         if (uv_is_closing(pSt_Handle)) return;
-        LibuvEcho* pSt_Self = Self(pSt_Handle);
-        bool bOwned = pSt_Handle == reinterpret_cast<uv_handle_t*>(&pSt_Self->m_st_Listen) ||
-                      pSt_Handle == reinterpret_cast<uv_handle_t*>(&pSt_Self->m_st_Wake);
+        Loop* pSt_Loop = Self(pSt_Handle);
+        bool bOwned = pSt_Handle == reinterpret_cast<uv_handle_t*>(&pSt_Loop->st_Listen) ||
+                      pSt_Handle == reinterpret_cast<uv_handle_t*>(&pSt_Loop->st_Wake);
         uv_close(pSt_Handle, bOwned ? nullptr : OnClientClosed);
     }
     static void OnClientClosed(uv_handle_t* pSt_Handle) {
-        Self(pSt_Handle)->m_nClients--;
+        Self(pSt_Handle)->pSt_Owner->m_nClients--;
         delete reinterpret_cast<uv_tcp_t*>(pSt_Handle);
     }
     static void OnConnection(uv_stream_t* pSt_Listen, int nStatus) {
         if (nStatus < 0) return;
         auto* pSt_Client = new uv_tcp_t;
         uv_tcp_init(pSt_Listen->loop, pSt_Client);
-        Self(reinterpret_cast<uv_handle_t*>(pSt_Listen))->m_nClients++;
+        Self(reinterpret_cast<uv_handle_t*>(pSt_Listen))->pSt_Owner->m_nClients++;
         auto* pSt_Stream = reinterpret_cast<uv_stream_t*>(pSt_Client);
         if (uv_accept(pSt_Listen, pSt_Stream) != 0 || uv_read_start(pSt_Stream, OnAlloc, OnRead) != 0)
             uv_close(reinterpret_cast<uv_handle_t*>(pSt_Client), OnClientClosed);
     }
-    // One loop thread and each read consumed before the next allocation: one buffer serves all.
     static void OnAlloc(uv_handle_t* pSt_Handle, size_t, uv_buf_t* pSt_Buf) {
-        LibuvEcho* pSt_Self = Self(pSt_Handle);
-        *pSt_Buf = uv_buf_init(pSt_Self->m_tszBuffer, sizeof(pSt_Self->m_tszBuffer));
+        Loop* pSt_Loop = Self(pSt_Handle);
+        *pSt_Buf = uv_buf_init(pSt_Loop->tszBuffer, sizeof(pSt_Loop->tszBuffer));
     }
     static void OnRead(uv_stream_t* pSt_Stream, ssize_t nRead, const uv_buf_t* pSt_Buf) {
         if (nRead < 0) {
@@ -330,12 +364,8 @@ private:
     // a failed write needs nothing here: the read side sees the error and closes the client
     static void OnWritten(uv_write_t* pSt_Request, int) { free(pSt_Request); }
 
-    uv_loop_t m_st_Loop{};
-    uv_tcp_t m_st_Listen{};
-    uv_async_t m_st_Wake{};
-    std::thread m_st_Thread;
+    std::vector<std::unique_ptr<Loop>> m_stl_Loops;
     std::atomic<int> m_nClients{0};
-    char m_tszBuffer[65536];
 };
 #endif
 
@@ -871,7 +901,7 @@ int main(int argc, char** argv) {
         "(median)\n",
         st_Options.nThreads, st_Options.dSeconds, st_Options.nRepeat);
 #ifdef NETCORE_BENCH_HAVE_LIBUV
-    printf("libuv %s: one loop on one thread\n", uv_version_string());
+    printf("libuv %s: one loop per server thread\n", uv_version_string());
 #else
     printf("libuv server not built: libuv was not found when the benchmark was configured\n");
 #endif
