@@ -102,6 +102,24 @@ int FreePort() {
     return ntohs(st_Addr.sin_port);
 }
 
+// A non-blocking IPv4 listener on the port that other listeners share through SO_REUSEPORT, so
+// that each server thread accepts its own connections; -1 when it cannot listen.
+int ReusePortListener(int nPort) {
+    int hListen = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0);
+    if (hListen < 0) return -1;
+    int nOne = 1;
+    setsockopt(hListen, SOL_SOCKET, SO_REUSEADDR, &nOne, sizeof(nOne));
+    setsockopt(hListen, SOL_SOCKET, SO_REUSEPORT, &nOne, sizeof(nOne));
+    sockaddr_in st_Addr{};
+    st_Addr.sin_family = AF_INET;
+    st_Addr.sin_port = htons(static_cast<uint16_t>(nPort));
+    if (bind(hListen, reinterpret_cast<sockaddr*>(&st_Addr), sizeof(st_Addr)) != 0 || listen(hListen, 128) != 0) {
+        close(hListen);
+        return -1;
+    }
+    return hListen;
+}
+
 // ----- the servers -------------------------------------------------------------------------------
 
 class EchoServer {
@@ -155,16 +173,8 @@ public:
     bool Start(int nPort, int nThreads) override {
         m_bRun = true;
         for (int i = 0; i < nThreads; i++) {
-            int hListen = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0);
-            int nOne = 1;
-            setsockopt(hListen, SOL_SOCKET, SO_REUSEADDR, &nOne, sizeof(nOne));
-            setsockopt(hListen, SOL_SOCKET, SO_REUSEPORT, &nOne, sizeof(nOne));
-            sockaddr_in st_Addr{};
-            st_Addr.sin_family = AF_INET;
-            st_Addr.sin_port = htons(static_cast<uint16_t>(nPort));
-            if (bind(hListen, reinterpret_cast<sockaddr*>(&st_Addr), sizeof(st_Addr)) != 0 ||
-                listen(hListen, 128) != 0) {
-                close(hListen);
+            int hListen = ReusePortListener(nPort);
+            if (hListen < 0) {
                 Stop();
                 return false;
             }
@@ -261,7 +271,7 @@ public:
             st_Loop.st_Loop.data = &st_Loop;
             uv_tcp_init(&st_Loop.st_Loop, &st_Loop.st_Listen);
             uv_async_init(&st_Loop.st_Loop, &st_Loop.st_Wake, OnWake);
-            int hListen = ListenSocket(nPort);
+            int hListen = ReusePortListener(nPort);
             const bool bOpened = hListen >= 0 && uv_tcp_open(&st_Loop.st_Listen, hListen) == 0;
             if (!bOpened && hListen >= 0) close(hListen);  // once opened, closing the handle closes it
             if (!bOpened || uv_listen(reinterpret_cast<uv_stream_t*>(&st_Loop.st_Listen), 128, OnConnection) != 0) {
@@ -302,18 +312,6 @@ private:
         char tszData[1];  // the remainder, allocated past the end of the struct
     };
 
-    static int ListenSocket(int nPort) {
-        int hListen = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0);
-        int nOne = 1;
-        setsockopt(hListen, SOL_SOCKET, SO_REUSEADDR, &nOne, sizeof(nOne));
-        setsockopt(hListen, SOL_SOCKET, SO_REUSEPORT, &nOne, sizeof(nOne));
-        sockaddr_in st_Addr{};
-        st_Addr.sin_family = AF_INET;
-        st_Addr.sin_port = htons(static_cast<uint16_t>(nPort));
-        if (hListen >= 0 && bind(hListen, reinterpret_cast<sockaddr*>(&st_Addr), sizeof(st_Addr)) == 0) return hListen;
-        if (hListen >= 0) close(hListen);
-        return -1;
-    }
     static Loop* Self(uv_handle_t* pSt_Handle) { return static_cast<Loop*>(pSt_Handle->loop->data); }
 
     static void OnWake(uv_async_t* pSt_Async) { uv_walk(pSt_Async->loop, CloseHandle, nullptr); }
