@@ -210,9 +210,11 @@ TEST_F(TCPXCoreTest, ClientLifeReachesEveryCallbackAndQuery) {
 TEST_F(TCPXCoreTest, RefusedDisabledPausedAndClosedClientsAndADestroyFromACallback) {
     std::atomic<unsigned long long> nSendCode{0};
     std::atomic<bool> bDestroyed{false};
+    std::atomic<const std::string*> pRelayTo{nullptr};                  // "relay" is answered on that client
     m_fnOnRecv = [&](const char* lpszAddr, const char* lpszMsg, int) {  // "bye" closes its client, "stop" the server
         std::string strMsg = lpszMsg != nullptr ? lpszMsg : "";
         if (strMsg == "stop") bDestroyed = NetCore_TCPXCore_DestroyEx(m_xhNet, true);
+        if (strMsg == "relay") NetCore_TCPXCore_SendEx(m_xhNet, pRelayTo.load()->c_str(), "relayed", 7, 1, -1);
         // then an answer to the closed client, with the very text the callback was handed
         if (strMsg == "bye" && NetCore_TCPXCore_CloseForClientEx(m_xhNet, lpszAddr))
             nSendCode = NetCore_TCPXCore_SendEx(m_xhNet, lpszAddr, "x", 1, 1, -1) ? 1 : NetCore_GetLastError(nullptr);
@@ -248,6 +250,9 @@ TEST_F(TCPXCoreTest, RefusedDisabledPausedAndClosedClientsAndADestroyFromACallba
     ASSERT_TRUE(WaitFor([&] { return Events('o').size() == 1; }));
     EXPECT_EQ("last|", Received(strEnded));
 
+    pRelayTo = &strPaused;
+    ASSERT_TRUE(SendAll(closed.Get(), "relay"));
+    EXPECT_EQ("relayed", Read(paused.Get(), 7));
     ASSERT_TRUE(SendAll(closed.Get(), "bye") && Read(closed.Get()) == "closed");
     ASSERT_TRUE(WaitFor([&] { return nSendCode.load() != 0; }));
     EXPECT_EQ(ERROR_NETCORE_TCPXCORE_NOTFOUND, nSendCode.load());
