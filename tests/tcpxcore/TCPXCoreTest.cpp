@@ -258,7 +258,7 @@ TEST_F(TCPXCoreTest, RefusedDisabledPausedAndClosedClientsAndADestroyFromACallba
     EXPECT_EQ(ERROR_NETCORE_TCPXCORE_NOTFOUND, nSendCode.load());
     EXPECT_EQ(std::vector<std::string>{strPaused}, List(m_xhNet));
     ExpectFail(NetCore_TCPXCore_CloseForClientEx(m_xhNet, strClosed.c_str()), ERROR_NETCORE_TCPXCORE_NOTFOUND);
-    EXPECT_EQ(1u, Events('o').size());  // neither closing by the server calls the leave callback
+    EXPECT_EQ(1u, Events('o').size());  // the ended client's: neither closing by the server calls it
     ASSERT_TRUE(SendAll(paused.Get(), "stop") && WaitFor([&] { return bDestroyed.load(); }));
     m_xhNet = nullptr;  // gone; the fixture checks that its threads and descriptors are too
     EXPECT_EQ("closed", Read(paused.Get()));
