@@ -99,39 +99,14 @@ bool UDXEngine::QueueData(tag_NetCore_UDXClient* pSt_Client, uint16_t wSerial, c
     {
         std::lock_guard<std::mutex> st_Lock(pSt_Client->st_LockRecv);
         auto& stl_List = pSt_Client->stl_ListRecv;
-        // the record comes from the spare ones when there is one
-        std::list<tag_NetCore_UDXData> stl_Node;
-        auto& stl_Spare = pSt_Client->stl_ListSpare;
-        if (stl_Spare.empty()) {
-            stl_Node.emplace_back();
-        } else {
-            stl_Node.splice(stl_Node.begin(), stl_Spare, stl_Spare.begin());
-        }
-        tag_NetCore_UDXData& st_Data = stl_Node.front();
-        st_Data.nTimeSend = nTick;
-        st_Data.wSerial = wSerial;
-        st_Data.nMsgLen = nLen;
-        st_Data.tszMsgBuffer.assign(lpszPayload, lpszPayload + nLen);
-
         auto stl_It = stl_List.end();
         bool bQueued = true;
         if (m_st_Config.bOrder && wSerial < pSt_Client->wRecvCount.load(std::memory_order_relaxed)) {
             const unsigned short wRecvNext = pSt_Client->wRecvNext.load(std::memory_order_relaxed);
-            unsigned long long nRejected = 0;
             for (stl_It = stl_List.begin(); stl_It != stl_List.end(); ++stl_It) {
-                if (stl_It->wSerial == wSerial) {
-                    nRejected = ERROR_NETCORE_UDX_PARSE_REPEAT;
-                    break;
-                }
-                if (wSerial < wRecvNext) {
-                    nRejected = ERROR_NETCORE_UDX_PARSE_EXPIRED;
-                    break;
-                }
+                if (stl_It->wSerial == wSerial) return Fail(ERROR_NETCORE_UDX_PARSE_REPEAT);
+                if (wSerial < wRecvNext) return Fail(ERROR_NETCORE_UDX_PARSE_EXPIRED);
                 if (stl_It->wSerial > wSerial) break;
-            }
-            if (nRejected != 0) {
-                stl_Spare.splice(stl_Spare.begin(), stl_Node);
-                return Fail(nRejected);
             }
             // A serial above everything queued goes to the end. Dropping it instead would lose it
             // for good once duplicates have carried wRecvCount past the sender's serials: every
@@ -139,11 +114,23 @@ bool UDXEngine::QueueData(tag_NetCore_UDXClient* pSt_Client, uint16_t wSerial, c
             bQueued = stl_It != stl_List.end() || wSerial >= wRecvNext;
         }
         if (bQueued) {
+            // the record comes from the spare ones when there is one, and is filled before it
+            // joins the queue
+            std::list<tag_NetCore_UDXData> stl_Node;
+            auto& stl_Spare = pSt_Client->stl_ListSpare;
+            if (stl_Spare.empty()) {
+                stl_Node.emplace_back();
+            } else {
+                stl_Node.splice(stl_Node.begin(), stl_Spare, stl_Spare.begin());
+            }
+            tag_NetCore_UDXData& st_Data = stl_Node.front();
+            st_Data.nTimeSend = nTick;
+            st_Data.wSerial = wSerial;
+            st_Data.nMsgLen = nLen;
+            st_Data.tszMsgBuffer.assign(lpszPayload, lpszPayload + nLen);
             stl_List.splice(stl_It, stl_Node);
             pSt_Client->nRecvQueued.store(stl_List.size(), std::memory_order_release);
             pSt_Client->wRecvCount.fetch_add(1, std::memory_order_relaxed);
-        } else {
-            stl_Spare.splice(stl_Spare.begin(), stl_Node);
         }
     }
     if (!m_st_Config.bOrder) return true;
