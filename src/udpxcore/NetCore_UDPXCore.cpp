@@ -187,6 +187,9 @@ void* CNetCore_UDPXCore::NetCore_UDPXCore_ThreadAccept(void* lParam) {
 }
 
 void CNetCore_UDPXCore::Deliver(const char* lpszClientAddr, const char* lpszMsgBuffer, int nMsgLen) {
+    // Whether there is a callback is settled before the datagram is counted (the acquire keeps
+    // the counting after it): a caller who sees the count and then registers does not get it.
+    CALLBACK_NETCORE_UDPXCORE_RECV fpCall = fpCall_Recv.load(std::memory_order_acquire);
     st_Flow.Add(kRecvPackets, 1);
     st_Flow.Add(kRecvBytes, static_cast<unsigned long long>(nMsgLen));
     unsigned long long nNow = TickNow();
@@ -194,7 +197,6 @@ void CNetCore_UDPXCore::Deliver(const char* lpszClientAddr, const char* lpszMsgB
     if (nTimeRecv.load(std::memory_order_relaxed) != nNow) nTimeRecv.store(nNow, std::memory_order_relaxed);
     CloseInterval(nTimeRecvFlow, nNow, nFlowRecvBytes, kRecvBytes, nFlowRecvPackets, kRecvPackets);
 
-    CALLBACK_NETCORE_UDPXCORE_RECV fpCall = fpCall_Recv.load(std::memory_order_acquire);
     // Without a callback the datagram is counted and dropped: there is no one to hand it to.
     if (fpCall != nullptr) {
         fpCall(lpszClientAddr, hSocket.load(std::memory_order_relaxed), lpszMsgBuffer, nMsgLen,
