@@ -40,19 +40,39 @@ unsigned long long TickNow() {
     return BaseLib_OperatorTime_GetTickCount64();
 }
 
-// "%s:%d" of a sender; every version number but 2 takes the IPv6 path.
+// Writes nValue in decimal at ptszText; returns the end.
+char* PutDecimal(char* ptszText, unsigned int nValue) {
+    char tszDigits[10];
+    int nDigits = 0;
+    do {
+        tszDigits[nDigits++] = static_cast<char>('0' + nValue % 10);
+        nValue /= 10;
+    } while (nValue != 0);
+    while (nDigits > 0)
+        *ptszText++ = tszDigits[--nDigits];
+    return ptszText;
+}
+
+// "%s:%d" of a sender, as inet_ntop and snprintf would write it; every version number but 2 takes
+// the IPv6 path. IPv4 is written by hand: the receive path formats every datagram's sender.
 void FormatAddr(const struct sockaddr_in6& st_Addr, bool bIPv4, char* ptszClientAddr) {
-    char tszAddr[kAddrTextSize] = "";
+    char* ptszEnd = ptszClientAddr;
     int nPort;
     if (bIPv4) {
         const struct sockaddr_in* pSt_Addr4 = reinterpret_cast<const struct sockaddr_in*>(&st_Addr);
-        inet_ntop(AF_INET, &pSt_Addr4->sin_addr, tszAddr, sizeof(tszAddr));
+        const unsigned char* pbyAddr = reinterpret_cast<const unsigned char*>(&pSt_Addr4->sin_addr);
+        for (int i = 0; i < 4; i++) {
+            if (i > 0) *ptszEnd++ = '.';
+            ptszEnd = PutDecimal(ptszEnd, pbyAddr[i]);
+        }
         nPort = ntohs(pSt_Addr4->sin_port);
     } else {
-        inet_ntop(AF_INET6, &st_Addr.sin6_addr, tszAddr, sizeof(tszAddr));
+        inet_ntop(AF_INET6, &st_Addr.sin6_addr, ptszClientAddr, kAddrTextSize - 6);
+        ptszEnd += strlen(ptszClientAddr);
         nPort = ntohs(st_Addr.sin6_port);
     }
-    snprintf(ptszClientAddr, kAddrTextSize, "%s:%d", tszAddr, nPort);
+    *ptszEnd++ = ':';
+    *PutDecimal(ptszEnd, static_cast<unsigned int>(nPort)) = '\0';
 }
 
 void CloseFd(int& hFd) {
